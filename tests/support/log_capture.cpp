@@ -1,0 +1,95 @@
+#include "support/log_capture.h"
+
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/base_sink.h>
+
+#include "diag/spdlog_init.h"
+
+namespace zyn_test {
+
+class LogCapture::Sink : public spdlog::sinks::base_sink<std::mutex> {
+public:
+    std::vector<CapturedRecord> snapshot() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return records_;
+    }
+    void reset() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        records_.clear();
+    }
+
+protected:
+    void sink_it_(const spdlog::details::log_msg& msg) override {
+        spdlog::memory_buf_t formatted;
+        formatter_->format(msg, formatted);
+        std::string line(formatted.data(), formatted.size());
+        while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
+            line.pop_back();
+        }
+        records_.push_back(CapturedRecord{
+            msg.level, msg.source.funcname != nullptr ? msg.source.funcname : "",
+            std::string(msg.payload.data(), msg.payload.size()), line});
+    }
+    void flush_() override {}
+
+private:
+    std::vector<CapturedRecord> records_;
+};
+
+LogCapture::LogCapture() : sink_(std::make_shared<Sink>()), previous_(spdlog::default_logger()) {
+    auto capture = std::make_shared<spdlog::logger>("zyn-test-capture", sink_);
+    capture->set_pattern(logger::kPattern);
+    capture->set_level(spdlog::level::trace);
+    spdlog::set_default_logger(capture);
+}
+
+LogCapture::~LogCapture() { spdlog::set_default_logger(previous_); }
+
+std::vector<CapturedRecord> LogCapture::records() const { return sink_->snapshot(); }
+
+size_t LogCapture::count(const std::string& message) const {
+    size_t n = 0;
+    for (const auto& r : records()) {
+        n += r.message == message ? 1 : 0;
+    }
+    return n;
+}
+
+size_t LogCapture::countContaining(const std::string& fragment) const {
+    size_t n = 0;
+    for (const auto& r : records()) {
+        n += r.message.find(fragment) != std::string::npos ? 1 : 0;
+    }
+    return n;
+}
+
+bool LogCapture::has(spdlog::level::level_enum level, const std::string& message) const {
+    for (const auto& r : records()) {
+        if (r.level == level && r.message == message) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool LogCapture::hasFrom(const std::string& function, const std::string& message) const {
+    for (const auto& r : records()) {
+        if (r.function == function && r.message == message) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string LogCapture::dump() const {
+    std::string out;
+    for (const auto& r : records()) {
+        out += r.line;
+        out += '\n';
+    }
+    return out;
+}
+
+void LogCapture::clear() { sink_->reset(); }
+
+}  // namespace zyn_test

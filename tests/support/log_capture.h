@@ -1,0 +1,48 @@
+// Captures the library's log records in a test: while a LogCapture lives, the process-wide
+// default logger is a synchronous logger (same pattern as the real one) writing into memory.
+#pragma once
+
+#include <spdlog/spdlog.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace zyn_test {
+
+struct CapturedRecord {
+    spdlog::level::level_enum level;
+    std::string function;
+    std::string message;  // the formatted message only
+    std::string line;     // the whole formatted record, pattern applied
+};
+
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<CapturedRecord> records() const;
+    // Number of records whose message equals `message` exactly.
+    size_t count(const std::string& message) const;
+    bool contains(const std::string& message) const { return count(message) > 0; }
+    // Number of records whose message contains `fragment`.
+    size_t countContaining(const std::string& fragment) const;
+    // Whether a record with this exact message was logged at `level`.
+    bool has(spdlog::level::level_enum level, const std::string& message) const;
+    // Whether a record with this exact message came from `function`.
+    bool hasFrom(const std::string& function, const std::string& message) const;
+    std::string dump() const;
+    void clear();
+
+    class Sink;
+
+private:
+    std::shared_ptr<Sink> sink_;
+    std::shared_ptr<spdlog::logger> previous_;
+};
+
+}  // namespace zyn_test

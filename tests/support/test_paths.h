@@ -1,0 +1,34 @@
+// Paths the tests need: the source tree, the built library, the models, and fresh scratch folders.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace zyn_test {
+
+std::filesystem::path SourceDir();
+std::filesystem::path LibraryPath();     // the built libZYNNativeVBG.so
+std::filesystem::path TestModelsDir();   // tests/models (small generated models)
+std::filesystem::path RealModelsDir();   // .deps/models (the converted segmentation models)
+std::filesystem::path SampleImage(const std::string& name);  // Debian's skimage pictures
+
+// A new empty folder under the system temporary folder, removed by the destructor.
+class TempDir {
+public:
+    explicit TempDir(const std::string& tag = "zyn");
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+    std::string str() const { return path_.string(); }
+    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// Writes `text` to `path`, replacing it.
+void WriteFile(const std::filesystem::path& path, const std::string& text);
+std::string ReadFile(const std::filesystem::path& path);
+
+}  // namespace zyn_test
