@@ -164,9 +164,8 @@ def same_pads(in_size, kernel, stride, dilation=1):
 
 
 class Converter:
-    def __init__(self, src, label):
+    def __init__(self, src):
         self.src = src
-        self.label = label
         self.nodes = []
         self.initializers = []
         self.consts = {}  # TFLite tensor index -> float32/int32 numpy value (NHWC / TFLite layout)
@@ -461,7 +460,10 @@ class Converter:
         if src.shape(in_idx) != (1, height, width, 3) or src.ttype(in_idx) != TFL_FLOAT32:
             fail(f"input {src.name(in_idx)!r} is {src.shape(in_idx)}, expected float (1, {height}, {width}, 3)")
         if src.shape(out_idx) != (1, height, width, 1) or src.ttype(out_idx) != TFL_FLOAT32:
-            fail(f"output {src.name(out_idx)!r} is {src.shape(out_idx)}, expected float (1, {height}, {width}, 1)")
+            fail(
+                f"output {src.name(out_idx)!r} is {src.shape(out_idx)}, "
+                f"expected float (1, {height}, {width}, 1)"
+            )
 
         ops = list(src.ops())
         for _, _, _, ins, _ in ops:
@@ -477,7 +479,8 @@ class Converter:
         if last_name != "LOGISTIC":
             fail(f"the output is produced by {last_name}, expected LOGISTIC")
         pre_idx = last_ins[0]
-        if producer.get(pre_idx, (None,))[0] != "CUSTOM:Convolution2DTransposeBias" or self.consumers[pre_idx] != 1:
+        pre_op = producer.get(pre_idx, (None,))[0]
+        if pre_op != "CUSTOM:Convolution2DTransposeBias" or self.consumers[pre_idx] != 1:
             fail("the output LOGISTIC does not read a Convolution2DTransposeBias result used once")
         if self.consumers.get(in_idx) != 1:
             fail("the graph input is read by more than one operator")
@@ -535,7 +538,7 @@ class Converter:
 
 def build_one(source_path, height, width):
     src = Source(source_path)
-    conv = Converter(src, os.path.basename(source_path))
+    conv = Converter(src)
     conv.run(height, width)
 
     graph = helper.make_graph(
@@ -602,11 +605,20 @@ def main(argv=None):
             source_path = os.path.join(args.source, file_name)
             if not os.path.isfile(source_path):
                 fail(f"source model {source_path} is missing")
-            built.append((build_one(source_path, height, width), os.path.join(args.out, rel_out), height, width))
+            try:
+                model = build_one(source_path, height, width)
+            except (ConversionError, onnx.checker.ValidationError, onnx.shape_inference.InferenceError):
+                raise
+            except Exception as exc:  # a truncated or corrupt flatbuffer fails deep inside the reader
+                fail(f"{source_path}: cannot read the model ({type(exc).__name__}: {exc})")
+            built.append((model, os.path.join(args.out, rel_out), height, width))
         # Write only after both variants converted cleanly.
         for (model, n_nodes, n_inits), out_path, height, width in built:
             size = write_atomically(model, out_path)
-            print(f"build_models: wrote {out_path} ({height}x{width}, {n_nodes} nodes, {n_inits} weights, {size} bytes)")
+            print(
+                f"build_models: wrote {out_path} ({height}x{width}, {n_nodes} nodes, "
+                f"{n_inits} weights, {size} bytes)"
+            )
     except ConversionError as exc:
         print(f"build_models: error: {exc}", file=sys.stderr)
         return 1
