@@ -57,7 +57,8 @@ class OpenVinoProcessing : public IVBGMLProcessing {
     const std::string cpuDevice = "CPU";
     const std::string gpuDevice = "GPU";
     const std::string gpuDeviceFallback = "GPU.0";
-    uint32_t outputChannels = 0;
+    uint32_t inputChannels = 0;   // 4, or 3 for a model without the previous-mask channel
+    uint32_t outputChannels = 0;  // channel 1 is the person probability
 
   private:
     // Chooses the device for the processing type among availableDevices; empty (after logging
