@@ -1,0 +1,49 @@
+#include "selection/processing_type.h"
+
+#include <array>
+#include <utility>
+
+namespace VBG {
+namespace {
+
+// Named types in the order a name is looked up; 7 has no name.
+constexpr std::array<std::pair<ProcessingType, const char*>, 9> kNames = {{
+    {PtCPU, "CPU"},
+    {PtGPU, "GPU"},
+    {PtOnnxRuntimeCpu, "OnnxRuntimeCpu"},
+    {PtOpenVinoCpu, "OpenVinoCpu"},
+    {PtOpenVinoCpuPPGPU, "OpenVinoCpuPPGPU"},
+    {PtOpenVinoGpuPPCPU, "OpenVinoGpuPPCPU"},
+    {PtOpenVinoGpuPPGPU, "OpenVinoGpuPPGPU"},
+    {PtOnnxRuntimeDMLPPGPU, "OnnxRuntimeDMLPPGPU"},
+    {PtAuto, "Auto"},
+}};
+
+}  // namespace
+
+std::string ProcessingTypeName(uint32_t type) {
+    for (const auto& [value, name] : kNames) {
+        if (value == type) {
+            return name;
+        }
+    }
+    return "Unknown";
+}
+
+ProcessingType ProcessingTypeFromName(const std::string& name) {
+    for (const auto& [value, text] : kNames) {
+        if (name == text) {
+            return value;
+        }
+    }
+    return PtAuto;
+}
+
+const std::vector<ProcessingType>& AutomaticSelectionOrder() {
+    static const std::vector<ProcessingType> order = {PtOpenVinoGpuPPGPU, PtOnnxRuntimeDMLPPGPU,
+                                                      PtOpenVinoCpuPPGPU, PtOpenVinoCpu,
+                                                      PtOnnxRuntimeCpu};
+    return order;
+}
+
+}  // namespace VBG
