@@ -7,7 +7,9 @@
 #include <iterator>
 #include <mutex>
 
+#include "config/effect_config.h"
 #include "util/log.h"
+#include "util/text.h"
 
 namespace VBG {
 namespace {
@@ -113,6 +115,59 @@ ZynNativeWeathermanSettings DefaultWeathermanSettings() {
     s.newsroomPresentationSize = 1.0f;
     s.conferenceroomSize = 1.0f;
     return s;
+}
+
+ConfigSections ConfigParser::ConvertToZynNativeConfig(const char* json, ZynNativeConfig& config,
+                                                      ZynNativeWeathermanSettings& weatherman,
+                                                      ZynFeedbackSettings& feedback) {
+    constexpr const char* fn = "VBG::ConfigParser::ConvertToZynNativeConfig";
+    ConfigSections found;
+    if (json == nullptr) {
+        ZLOG_ERROR(fn, "config is nullptr.");
+        return found;
+    }
+    ZLOG_INFO(fn, "Configuration {}", json);
+    rapidjson::Document doc;
+    doc.Parse(json);
+    if (doc.HasParseError() || !doc.IsObject()) {
+        ZLOG_ERROR(fn, "config parse failed.");
+        return found;
+    }
+
+    const std::string fileCachePath = FileCachePath();
+    constexpr size_t kMaxPathChars = ZYN_PATH_CHARS - 1;
+    Text::CopyToField(config.modelFilePath, ZYN_PATH_CHARS, ModelFilePath(), kMaxPathChars);
+    Text::CopyToField(config.logPath, ZYN_PATH_CHARS, LogPath(), kMaxPathChars);
+    Text::CopyToField(config.fileCachePath, ZYN_PATH_CHARS, fileCachePath, kMaxPathChars);
+
+    const auto mode = doc.FindMember("processingMode");
+    if (mode != doc.MemberEnd()) {
+        if (mode->value.IsInt()) {
+            config.processingMode = static_cast<uint32_t>(mode->value.GetInt());
+        } else if (mode->value.IsUint()) {
+            config.processingMode = mode->value.GetUint();
+        } else {
+            // Not a usable value: the record keeps its mode.
+            ZLOG_WARN(fn, "processingMode is not an integer");
+        }
+    }
+
+    const auto effects = doc.FindMember("effects");
+    if (effects != doc.MemberEnd()) {
+        // Anything but a non-empty array carries no effect.
+        if (!effects->value.IsArray() || effects->value.Empty()) {
+            ZLOG_ERROR(fn, "Effect array is empty");
+            return found;
+        }
+        if (ParseVbgConfig(effects->value, fileCachePath, config)) {
+            found.effects = true;
+        } else {
+            found.weatherman = ParseWeathermanConfig(effects->value, fileCachePath, weatherman);
+        }
+    }
+
+    found.feedback = ParseZynFeedbackConfig(doc, fileCachePath, feedback);
+    return found;
 }
 
 }  // namespace VBG
