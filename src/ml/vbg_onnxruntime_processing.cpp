@@ -209,8 +209,24 @@ bool OnnxRuntimeProcessing::bindModel() {
         return true;
     } catch (const Ort::Exception& e) {
         ZLOG_ERROR("VBG::OnnxRuntimeProcessing::bindModel", "Error: {0}", e.what());
+        // An earlier binding may not fit the session that failed to bind: drop it, so that
+        // runModel refuses to run instead of feeding the session tensors of another model.
+        clearBinding();
         return false;
     }
+}
+
+void OnnxRuntimeProcessing::clearBinding() {
+    inputValue_ = Ort::Value{nullptr};
+    outputValue_ = Ort::Value{nullptr};
+    inputData_.reset();
+    outputData_.reset();
+    inputShape_ = {};
+    outputShape_ = {};
+    modelWidth = 0;
+    modelHeight = 0;
+    modelPixelCount = 0;
+    inputBuffer.reset();
 }
 
 void OnnxRuntimeProcessing::fillInput(const uint8_t* pixels, const float* prevMask, int32_t n) {

@@ -50,6 +50,7 @@ class OnnxRuntimeProcessing final : public IVBGMLProcessing {
     int64_t outputChannels() const { return outputShape_[1]; }
 
   private:
+    void clearBinding();
     void fillInput(const uint8_t* pixels, const float* prevMask, int32_t n);
     void smoothMask(VBGMLState* state) const;
 
