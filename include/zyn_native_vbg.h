@@ -82,8 +82,8 @@ typedef struct ZynNativeConfig {
     char16_t modelFilePath[ZYN_PATH_CHARS]; /* models folder + "/model.winml" */
     uint32_t processingMode;                /* 1..9, default 3 (automatic) */
     uint32_t backgroundEffectKind;          /* 1 blur, 2 background file */
-    uint32_t backgroundFormat;              /* 1 png, 2 jpg/jpeg, 3 gif, 4 mp4, 5 ogv, 6 mov, 7 webm */
-    uint32_t backgroundDataSource;          /* 0 none, 1 file, 2 in memory */
+    uint32_t backgroundFormat;     /* 1 png, 2 jpg/jpeg, 3 gif, 4 mp4, 5 ogv, 6 mov, 7 webm */
+    uint32_t backgroundDataSource; /* 0 none, 1 file, 2 in memory */
     char16_t backgroundFilePath[ZYN_PATH_CHARS];
     const uint8_t* backgroundData; /* data source 2 only; host-owned */
     uint32_t backgroundDataSize;

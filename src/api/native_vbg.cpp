@@ -235,7 +235,8 @@ ZYN_API const char* ZynNativeVideoProcessingGetSupportedEffects(void) {
     });
 }
 
-ZYN_API uint32_t ZynNativeVbgCreateInstance(const ZynNativeConfig* config, ZynNativeHandle* handle) {
+ZYN_API uint32_t ZynNativeVbgCreateInstance(const ZynNativeConfig* config,
+                                            ZynNativeHandle* handle) {
     constexpr const char* fn = "ZynNativeVbgCreateInstance";
     return guarded<uint32_t>(fn, ZYN_STATUS_CONFIG_FAILED, [&]() -> uint32_t {
         if (config == nullptr || handle == nullptr) {
@@ -289,7 +290,8 @@ ZYN_API uint32_t ZynNativeVideoProcessingCreateInstance(const char* jsonConfig,
     });
 }
 
-ZYN_API uint32_t ZynNativeVbgUpdateInstance(ZynNativeHandle* handle, const ZynNativeConfig* config) {
+ZYN_API uint32_t ZynNativeVbgUpdateInstance(ZynNativeHandle* handle,
+                                            const ZynNativeConfig* config) {
     constexpr const char* fn = "ZynNativeVbgUpdateInstance";
     return guarded<uint32_t>(fn, ZYN_STATUS_CONFIG_FAILED, [&]() -> uint32_t {
         if (config == nullptr) {

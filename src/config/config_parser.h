@@ -22,7 +22,7 @@ struct ConfigSections {
 };
 
 class ConfigParser {
-public:
+  public:
     // Reads the library configuration file; true when "modelsPath", "logPath" and
     // "fileCachePath" were all found and non-empty. Values found before a failing key stay stored.
     static bool SetConfig(const char* path);

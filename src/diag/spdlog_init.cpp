@@ -45,7 +45,8 @@ void InitLogger(const std::string& folder) {
                                  std::to_string(folderErrorCode(errno)));
     }
     const std::string file = VBG::Utils::GetAssetFullPath(folder);
-    auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file, kMaxFileSize, kMaxFiles);
+    auto sink =
+        std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file, kMaxFileSize, kMaxFiles);
     spdlog::init_thread_pool(kQueueSize, 1);
     auto log = std::make_shared<spdlog::async_logger>("ZYN", sink, spdlog::thread_pool(),
                                                       spdlog::async_overflow_policy::block);
@@ -60,6 +61,8 @@ void InitLogger(const std::string& folder) {
               VBG::Utils::ProcessId());
 }
 
-bool IsInitialised() { return initialised.load(); }
+bool IsInitialised() {
+    return initialised.load();
+}
 
 }  // namespace logger

@@ -6,7 +6,7 @@
 
 #include <spdlog/spdlog.h>
 
-#define ZYN_LOG_AT(level, function, ...)                                                  \
+#define ZYN_LOG_AT(level, function, ...)                                                     \
     (::spdlog::default_logger_raw()->log(::spdlog::source_loc{__FILE__, __LINE__, function}, \
                                          level, __VA_ARGS__))
 

@@ -66,18 +66,17 @@ std::u16string Utf8ToUtf16(std::string_view in) {
             ++i;
             continue;
         }
-        bool ok = i + len <= in.size();
-        for (size_t k = 1; ok && k < len; ++k) {
-            const auto b = static_cast<unsigned char>(in[i + k]);
-            if ((b & 0xC0) != 0x80) {
-                ok = false;
-            } else {
-                cp = (cp << 6) | (b & 0x3F);
-            }
+        // A broken sequence is replaced once, over its lead byte and the continuation bytes that
+        // follow it.
+        size_t consumed = 1;
+        while (consumed < len && i + consumed < in.size() &&
+               (static_cast<unsigned char>(in[i + consumed]) & 0xC0) == 0x80) {
+            cp = (cp << 6) | (static_cast<unsigned char>(in[i + consumed]) & 0x3F);
+            ++consumed;
         }
-        if (!ok || cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+        if (consumed < len || cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
             appendUtf16(out, kReplacement);
-            ++i;
+            i += consumed;
             continue;
         }
         appendUtf16(out, cp);

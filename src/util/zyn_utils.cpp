@@ -56,7 +56,8 @@ int32_t processException(const HResultError& error, const std::string& prefix) {
 
 std::string GetLibraryFolder() {
     Dl_info info{};
-    if (dladdr(reinterpret_cast<void*>(&GetLibraryFolder), &info) == 0 || info.dli_fname == nullptr) {
+    if (dladdr(reinterpret_cast<void*>(&GetLibraryFolder), &info) == 0 ||
+        info.dli_fname == nullptr) {
         return {};
     }
     std::error_code ec;
@@ -67,9 +68,13 @@ std::string GetLibraryFolder() {
     return path.parent_path().string();
 }
 
-uint64_t ProcessId() { return static_cast<uint64_t>(getpid()); }
+uint64_t ProcessId() {
+    return static_cast<uint64_t>(getpid());
+}
 
-uint64_t ThreadId() { return static_cast<uint64_t>(syscall(SYS_gettid)); }
+uint64_t ThreadId() {
+    return static_cast<uint64_t>(syscall(SYS_gettid));
+}
 
 void DebugOutput(const std::string& text) {
     std::fprintf(stderr, "%s\n", text.c_str());

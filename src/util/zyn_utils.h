@@ -13,12 +13,12 @@ namespace VBG {
 // A runtime error that carries a 32-bit result code (HRESULT style), as raised by the renderer and
 // platform code and reported through Utils::processException.
 class HResultError : public std::runtime_error {
-public:
+  public:
     HResultError(int32_t code, const std::string& message)
         : std::runtime_error(message), code_(code) {}
     int32_t code() const noexcept { return code_; }
 
-private:
+  private:
     int32_t code_;
 };
 

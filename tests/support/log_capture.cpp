@@ -8,7 +8,7 @@
 namespace zyn_test {
 
 class LogCapture::Sink : public spdlog::sinks::base_sink<std::mutex> {
-public:
+  public:
     std::vector<CapturedRecord> snapshot() {
         std::lock_guard<std::mutex> lock(mutex_);
         return records_;
@@ -18,7 +18,7 @@ public:
         records_.clear();
     }
 
-protected:
+  protected:
     void sink_it_(const spdlog::details::log_msg& msg) override {
         spdlog::memory_buf_t formatted;
         formatter_->format(msg, formatted);
@@ -26,13 +26,13 @@ protected:
         while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
             line.pop_back();
         }
-        records_.push_back(CapturedRecord{
-            msg.level, msg.source.funcname != nullptr ? msg.source.funcname : "",
-            std::string(msg.payload.data(), msg.payload.size()), line});
+        records_.push_back(
+            CapturedRecord{msg.level, msg.source.funcname != nullptr ? msg.source.funcname : "",
+                           std::string(msg.payload.data(), msg.payload.size()), line});
     }
     void flush_() override {}
 
-private:
+  private:
     std::vector<CapturedRecord> records_;
 };
 
@@ -43,9 +43,13 @@ LogCapture::LogCapture() : sink_(std::make_shared<Sink>()), previous_(spdlog::de
     spdlog::set_default_logger(capture);
 }
 
-LogCapture::~LogCapture() { spdlog::set_default_logger(previous_); }
+LogCapture::~LogCapture() {
+    spdlog::set_default_logger(previous_);
+}
 
-std::vector<CapturedRecord> LogCapture::records() const { return sink_->snapshot(); }
+std::vector<CapturedRecord> LogCapture::records() const {
+    return sink_->snapshot();
+}
 
 size_t LogCapture::count(const std::string& message) const {
     size_t n = 0;
@@ -90,6 +94,8 @@ std::string LogCapture::dump() const {
     return out;
 }
 
-void LogCapture::clear() { sink_->reset(); }
+void LogCapture::clear() {
+    sink_->reset();
+}
 
 }  // namespace zyn_test

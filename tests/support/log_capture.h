@@ -19,7 +19,7 @@ struct CapturedRecord {
 };
 
 class LogCapture {
-public:
+  public:
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
@@ -40,7 +40,7 @@ public:
 
     class Sink;
 
-private:
+  private:
     std::shared_ptr<Sink> sink_;
     std::shared_ptr<spdlog::logger> previous_;
 };

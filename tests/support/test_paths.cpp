@@ -9,10 +9,18 @@
 
 namespace zyn_test {
 
-std::filesystem::path SourceDir() { return ZYN_SOURCE_DIR; }
-std::filesystem::path LibraryPath() { return ZYN_LIBRARY_PATH; }
-std::filesystem::path TestModelsDir() { return ZYN_TEST_MODELS_DIR; }
-std::filesystem::path RealModelsDir() { return ZYN_MODELS_DIR; }
+std::filesystem::path SourceDir() {
+    return ZYN_SOURCE_DIR;
+}
+std::filesystem::path LibraryPath() {
+    return ZYN_LIBRARY_PATH;
+}
+std::filesystem::path TestModelsDir() {
+    return ZYN_TEST_MODELS_DIR;
+}
+std::filesystem::path RealModelsDir() {
+    return ZYN_MODELS_DIR;
+}
 std::filesystem::path SampleImage(const std::string& name) {
     return std::filesystem::path("/usr/lib/python3/dist-packages/skimage/data") / name;
 }

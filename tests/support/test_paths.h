@@ -7,14 +7,14 @@
 namespace zyn_test {
 
 std::filesystem::path SourceDir();
-std::filesystem::path LibraryPath();     // the built libZYNNativeVBG.so
-std::filesystem::path TestModelsDir();   // tests/models (small generated models)
-std::filesystem::path RealModelsDir();   // .deps/models (the converted segmentation models)
+std::filesystem::path LibraryPath();    // the built libZYNNativeVBG.so
+std::filesystem::path TestModelsDir();  // tests/models (small generated models)
+std::filesystem::path RealModelsDir();  // .deps/models (the converted segmentation models)
 std::filesystem::path SampleImage(const std::string& name);  // Debian's skimage pictures
 
 // A new empty folder under the system temporary folder, removed by the destructor.
 class TempDir {
-public:
+  public:
     explicit TempDir(const std::string& tag = "zyn");
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -23,7 +23,7 @@ public:
     std::string str() const { return path_.string(); }
     std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 
