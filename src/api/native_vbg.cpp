@@ -11,6 +11,7 @@
 #include "engine/virtual_background.h"
 #include "gpu/d3d12_utils.h"
 #include "ml/vbg_ml_processing.h"
+#include "selection/processing_type_evaluator.h"
 #include "util/log.h"
 #include "util/zyn_utils.h"
 #include "zyn_native_vbg.h"
@@ -181,6 +182,7 @@ ZYN_API bool ZynNativeVideoProcessingInit(const char* configPath) {
             return false;
         }
         logger::InitLogger(VBG::ConfigParser::LogPath());
+        VBG::ProcessingTypeEvaluator::StartEvaluation();
         return true;
     } catch (const std::exception& e) {
         // The logger may not exist yet: the debugger output always gets the text.

@@ -1,0 +1,311 @@
+#include "selection/processing_type_evaluator.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "config/config_parser.h"
+#include "selection/processing_type_evaluator_limits.h"
+#include "selection/pt_config_init.h"
+#include "util/log.h"
+#include "util/zyn_utils.h"
+
+extern char** environ;
+
+namespace VBG {
+namespace {
+
+constexpr const char* kEvaluatorProgramName = "EvalVBGProcessingType";
+// How often a running evaluator is looked at while the library waits for it.
+constexpr std::chrono::milliseconds kExitPollInterval{5};
+
+// True from the start of an evaluation until its end; cleared under evaluationMutex just before
+// every waiter is woken.
+std::atomic<bool> evaluationRunning{false};
+std::mutex evaluationMutex;
+std::condition_variable evaluationDone;
+
+std::mutex limitsMutex;
+EvaluatorLimits& limitsStorage() {
+    static EvaluatorLimits limits;
+    return limits;
+}
+EvaluatorLimits currentLimits() {
+    std::lock_guard<std::mutex> lock(limitsMutex);
+    return limitsStorage();
+}
+
+void finishEvaluation() {
+    std::lock_guard<std::mutex> lock(evaluationMutex);
+    evaluationRunning.exchange(false);
+    evaluationDone.notify_all();
+}
+
+// Whether the stored selection is too old to be used. A stored time that cannot be read counts as
+// expired: the evaluation then runs again and the evaluator writes a readable one.
+bool selectionExpired(const ProcessingTypeInitializer& initializer) {
+    const ProcessingTypeDetails details = initializer.GetSelectedProcessingTypeDetails();
+    try {
+        return details.isElapsed();
+    } catch (const std::exception& e) {
+        ZLOG_ERROR("VBG::ProcessingTypeEvaluator::EvaluateInternal",
+                   "Stored processing type selection time '{}' cannot be read: {}",
+                   details.selectedTime, e.what());
+        return true;
+    }
+}
+
+class SpawnFileActions {
+  public:
+    SpawnFileActions() { posix_spawn_file_actions_init(&actions_); }
+    ~SpawnFileActions() { posix_spawn_file_actions_destroy(&actions_); }
+    SpawnFileActions(const SpawnFileActions&) = delete;
+    SpawnFileActions& operator=(const SpawnFileActions&) = delete;
+    posix_spawn_file_actions_t* get() { return &actions_; }
+
+  private:
+    posix_spawn_file_actions_t actions_;
+};
+
+class SpawnAttributes {
+  public:
+    SpawnAttributes() { posix_spawnattr_init(&attributes_); }
+    ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
+    SpawnAttributes(const SpawnAttributes&) = delete;
+    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+    posix_spawnattr_t* get() { return &attributes_; }
+
+  private:
+    posix_spawnattr_t attributes_;
+};
+
+// Starts `program` with `args` (args[0] is the program name) as a hidden child: standard input,
+// output and error on /dev/null, no other descriptor of the host inherited, signal mask and
+// dispositions at their defaults, and a session of its own so that no terminal of the host can
+// signal it. The environment and the current folder are the host's. Returns 0 or the error code.
+int spawnHidden(const std::string& program, const std::vector<std::string>& args, pid_t& pid) {
+    SpawnFileActions actions;
+    int error =
+        posix_spawn_file_actions_addopen(actions.get(), STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (error == 0) {
+        error = posix_spawn_file_actions_addopen(actions.get(), STDOUT_FILENO, "/dev/null",
+                                                 O_WRONLY, 0);
+    }
+    if (error == 0) {
+        error = posix_spawn_file_actions_addopen(actions.get(), STDERR_FILENO, "/dev/null",
+                                                 O_WRONLY, 0);
+    }
+    if (error == 0) {
+        error = posix_spawn_file_actions_addclosefrom_np(actions.get(), STDERR_FILENO + 1);
+    }
+
+    SpawnAttributes attributes;
+    sigset_t noSignals;
+    sigemptyset(&noSignals);
+    sigset_t allSignals;
+    sigfillset(&allSignals);
+    sigdelset(&allSignals, SIGKILL);
+    sigdelset(&allSignals, SIGSTOP);
+    if (error == 0) {
+        error = posix_spawnattr_setsigmask(attributes.get(), &noSignals);
+    }
+    if (error == 0) {
+        error = posix_spawnattr_setsigdefault(attributes.get(), &allSignals);
+    }
+    if (error == 0) {
+        error = posix_spawnattr_setflags(
+            attributes.get(), POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSID);
+    }
+    if (error != 0) {
+        return error;
+    }
+
+    std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
+    for (const std::string& arg : args) {
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    }
+    argv.push_back(nullptr);
+    return posix_spawn(&pid, program.c_str(), actions.get(), attributes.get(), argv.data(),
+                       environ);
+}
+
+// An evaluator that outlived the wait is left running: it is never killed. A waiting thread of its
+// own reaps it whenever it ends, so that no zombie process stays behind in the host.
+void reapWhenEnded(pid_t pid) {
+    try {
+        std::thread([pid] {
+            int status = 0;
+            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+            }
+        }).detach();
+    } catch (const std::exception& e) {
+        ZLOG_ERROR("VBG::ProcessingTypeEvaluator::GetProcessExitCode",
+                   "Evaluator process {} cannot be watched and stays unreaped: {}", pid, e.what());
+    }
+}
+
+// Waits for the child at most `limit` and turns the way it ended into the evaluation result.
+int32_t getProcessExitCode(pid_t pid, std::chrono::milliseconds limit) {
+    constexpr const char* fn = "VBG::ProcessingTypeEvaluator::GetProcessExitCode";
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    int status = 0;
+    for (;;) {
+        const pid_t ended = waitpid(pid, &status, WNOHANG);
+        if (ended == pid) {
+            break;
+        }
+        if (ended < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            // ECHILD when the host reaps children itself (SIGCHLD ignored, or its own waitpid).
+            ZLOG_ERROR(fn, "GetExitCodeProcess failed: error code: {}", errno);
+            return ProcessingTypeEvaluator::kLaunchFailed;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            ZLOG_ERROR(fn,
+                       "VBG eval process is still running, possible race condition or deadlock");
+            reapWhenEnded(pid);
+            return ProcessingTypeEvaluator::kStillRunning;
+        }
+        std::this_thread::sleep_for(kExitPollInterval);
+    }
+    if (WIFEXITED(status)) {
+        return WEXITSTATUS(status);
+    }
+    if (WIFSIGNALED(status)) {
+        // A crash is a failure of the type, reported the way shells report it.
+        return 128 + WTERMSIG(status);
+    }
+    ZLOG_ERROR(fn, "GetExitCodeProcess failed: error code: {}", status);
+    return ProcessingTypeEvaluator::kLaunchFailed;
+}
+
+std::string modelFileArgument() {
+    return ConfigParser::ModelsPath() + "/model.winml";
+}
+
+}  // namespace
+
+void SetEvaluatorLimitsForTesting(const EvaluatorLimits& limits) {
+    std::lock_guard<std::mutex> lock(limitsMutex);
+    limitsStorage() = limits;
+}
+
+void ResetEvaluatorLimitsForTesting() {
+    SetEvaluatorLimitsForTesting(EvaluatorLimits{});
+}
+
+void ProcessingTypeEvaluator::StartEvaluation() {
+    // The evaluation counts as running from here, not from the first line of the thread, so that
+    // an automatic create right after the library start waits for it instead of finding nothing.
+    if (evaluationRunning.exchange(true)) {
+        ZLOG_INFO("VBG::ProcessingTypeEvaluator::StartEvaluation",
+                  "Processing type evaluation is already running");
+        return;
+    }
+    try {
+        std::thread(&ProcessingTypeEvaluator::EvaluateInternal).detach();
+    } catch (...) {
+        finishEvaluation();
+        throw;
+    }
+}
+
+void ProcessingTypeEvaluator::EvaluateInternal() {
+    constexpr const char* fn = "VBG::ProcessingTypeEvaluator::EvaluateInternal";
+    try {
+        const ProcessingTypeInitializer& initializer =
+            ProcessingTypeInitializer::GetInstance(ConfigParser::FileCachePath());
+        // A fresh selection is used as it is, whatever type it names.
+        if (initializer.ConfigFileExists() && !selectionExpired(initializer)) {
+            finishEvaluation();
+            return;
+        }
+        evaluationRunning.exchange(true);
+        int32_t code = kLaunchFailed;
+        for (const ProcessingType type : AutomaticSelectionOrder()) {
+            code = LaunchEvaluator(type);
+            if (code == 0) {
+                finishEvaluation();
+                return;
+            }
+            ZLOG_ERROR(fn, "VBG eval failed, process return code: {} for processing type: {}", code,
+                       ProcessingTypeName(type));
+        }
+        ZLOG_ERROR(fn, "VBG eval failed, process return code: {}", code);
+    } catch (const std::exception& e) {
+        // Nothing may leave the thread: an escaping exception would end the host.
+        try {
+            ZLOG_ERROR(fn, "Processing type evaluation failed: {}", e.what());
+        } catch (...) {
+        }
+    } catch (...) {
+    }
+    finishEvaluation();
+}
+
+int32_t ProcessingTypeEvaluator::LaunchEvaluator(ProcessingType type) {
+    constexpr const char* fn = "VBG::ProcessingTypeEvaluator::LaunchEvaluator";
+    const EvaluatorLimits limits = currentLimits();
+    const std::string program = EvaluatorProgramPath();
+    const std::string commandLine = CommandLine(type);
+    ZLOG_WARN(fn, "Launching VBG eval process, process: {}, command line: {}", program,
+              commandLine);
+
+    const std::vector<std::string> args = {program, ProcessingTypeName(type), modelFileArgument(),
+                                           ConfigParser::LogPath(), ConfigParser::FileCachePath()};
+    pid_t pid = 0;
+    const int error = spawnHidden(program, args, pid);
+    if (error != 0) {
+        ZLOG_ERROR(fn,
+                   "VBG eval process launch failed, error code: {}, process: {}, command line: {}",
+                   error, program, commandLine);
+        return kLaunchFailed;
+    }
+    return getProcessExitCode(pid, limits.evaluatorRun);
+}
+
+bool ProcessingTypeEvaluator::WaitForEvaluationToComplete() {
+    const EvaluatorLimits limits = currentLimits();
+    std::unique_lock<std::mutex> lock(evaluationMutex);
+    const auto deadline = std::chrono::steady_clock::now() + limits.completionWait;
+    if (evaluationDone.wait_until(lock, deadline) == std::cv_status::timeout) {
+        ZLOG_ERROR("VBG::ProcessingTypeEvaluator::WaitForEvaluationToComplete",
+                   "Evaluation thread timeout occured");
+        return false;
+    }
+    return true;
+}
+
+bool ProcessingTypeEvaluator::IsEvaluationRunning() {
+    return evaluationRunning.load();
+}
+
+std::string ProcessingTypeEvaluator::EvaluatorProgramPath() {
+    const EvaluatorLimits limits = currentLimits();
+    if (!limits.programPath.empty()) {
+        return limits.programPath;
+    }
+    return Utils::GetLibraryFolder() + "/" + kEvaluatorProgramName;
+}
+
+std::string ProcessingTypeEvaluator::CommandLine(ProcessingType type) {
+    return "\"" + ProcessingTypeName(type) + "\" \"" + modelFileArgument() + "\" \"" +
+           ConfigParser::LogPath() + "\" \"" + ConfigParser::FileCachePath() + "\"";
+}
+
+}  // namespace VBG

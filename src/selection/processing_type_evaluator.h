@@ -1,0 +1,50 @@
+// The processing-type evaluation: once per library start, a detached thread runs the evaluator
+// program "EvalVBGProcessingType" (installed beside the library) for the candidate processing types
+// in the automatic order until one works. The program records the verdict in "PT_CONFIG.json" in
+// the file cache folder; running it in a process of its own keeps a crash or a hang of an inference
+// runtime away from the host. Automatic engine creation waits for the evaluation to end.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "selection/processing_type.h"
+
+namespace VBG {
+
+class ProcessingTypeEvaluator {
+  public:
+    // The library could not start the evaluator, or could not read how it ended.
+    static constexpr int32_t kLaunchFailed = -3;
+    // The evaluator was still running when the library stopped waiting for it.
+    static constexpr int32_t kStillRunning = -4;
+
+    // Marks the evaluation as started and runs EvaluateInternal on a detached thread. Throws
+    // std::system_error when the thread cannot be started. Nothing happens while an evaluation
+    // started earlier in this process is still on.
+    static void StartEvaluation();
+
+    // The thread body: skips everything when a fresh selection is stored, otherwise runs the
+    // evaluator for the automatic order until the first success, then wakes every waiter.
+    static void EvaluateInternal();
+
+    // Runs the evaluator for one type and returns its exit status (0 = the type works), 128 + the
+    // signal number when it was killed by a signal, kLaunchFailed or kStillRunning.
+    static int32_t LaunchEvaluator(ProcessingType type);
+
+    // Blocks until the end of an evaluation is signalled or 120 seconds pass; false on timeout.
+    // There is no predicate: the first wake-up ends the wait with true, and an end signalled
+    // before the wait began is not seen.
+    static bool WaitForEvaluationToComplete();
+
+    static bool IsEvaluationRunning();
+
+    // The program run for each type: the library's folder joined with "EvalVBGProcessingType".
+    static std::string EvaluatorProgramPath();
+
+    // The command line as the log records show it: the four arguments, each in double quotes,
+    // separated by single spaces.
+    static std::string CommandLine(ProcessingType type);
+};
+
+}  // namespace VBG
