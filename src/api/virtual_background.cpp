@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <string>
 
+#include "selection/processing_type.h"
+#include "selection/processing_type_evaluator.h"
+#include "selection/pt_config_init.h"
 #include "util/log.h"
 #include "util/zyn_utils.h"
 
@@ -22,7 +25,59 @@ VirtualBackground* VirtualBackground::createZynNative(const VBGSettings& setting
 VirtualBackground* VirtualBackground::createAutoZynNative(const VBGSettings& settings,
                                                           uint32_t& error, uint32_t width,
                                                           uint32_t height) {
-    return createZynNative(settings, error, width, height);
+    constexpr const char* fn = "VBG::VirtualBackground::createAutoZynNative";
+    // The selection the evaluator program stored in the file cache folder.
+    const ProcessingTypeInitializer& selection =
+        ProcessingTypeInitializer::GetInstance(ConfigParser::FileCachePath());
+    ProcessingTypeDetails details = selection.GetSelectedProcessingTypeDetails();
+    if (!details.isValid) {
+        // Nothing usable stored yet: the evaluation started at library initialisation may still
+        // write it. A notification sent between the check and the wait is not seen; the wait then
+        // runs into its timeout.
+        if (!ProcessingTypeEvaluator::IsEvaluationRunning()) {
+            ZLOG_INFO(fn,
+                      "Process Evaluation is not initialised and not running, possibly no "
+                      "processing types are supported");
+            return nullptr;
+        }
+        if (!ProcessingTypeEvaluator::WaitForEvaluationToComplete()) {
+            ZLOG_INFO(fn, "Evaluation process is taking too much time to complete");
+            return nullptr;
+        }
+        ZLOG_INFO(fn, "Evaluation process is now complete, now proceed to creation of VBG object");
+        details = selection.GetSelectedProcessingTypeDetails();
+    }
+
+    if (details.type != PtAuto) {
+        VBGSettings selected = settings;
+        selected.pt = details.type;
+        // The stored type is always tried at the initial size, whatever size was asked for.
+        VirtualBackground* engine = createZynNative(selected, error, 640, 360);
+        if (engine != nullptr) {
+            ZLOG_INFO(fn, "Selected processing type: {}", ProcessingTypeName(details.type));
+            return engine;
+        }
+        ZLOG_WARN(fn, "Selected processing type: {} failed for some reason, fallback to auto logic",
+                  ProcessingTypeName(details.type));
+    } else {
+        ZLOG_INFO(fn, "Selected processing type is auto, fallback to auto logic");
+    }
+
+    if (settings.pt != PtAuto) {
+        ZLOG_INFO(fn, "Processing type is not auto!");
+        return nullptr;
+    }
+    for (const ProcessingType type : AutomaticSelectionOrder()) {
+        VBGSettings candidate = settings;
+        candidate.pt = type;
+        VirtualBackground* engine = createZynNative(candidate, error, width, height);
+        if (engine != nullptr) {
+            ZLOG_INFO(fn, "Selected processing type: {}", ProcessingTypeName(type));
+            return engine;
+        }
+    }
+    ZLOG_INFO(fn, "All processing types exhausted, requires investigation!");
+    return nullptr;
 }
 
 bool VirtualBackground::ZynNativeVbgIsSupported() {
