@@ -36,9 +36,10 @@ class OpenVinoProcessing : public IVBGMLProcessing {
     // The plugin configuration the core of a processing type is made with: "plugins_cpu.xml" in
     // the library's folder for the CPU types 3 and 4, empty (OpenVINO's own registry) otherwise.
     static std::string PluginConfigPath(uint32_t processingType);
-    // A core made with the given plugin configuration file; when the file is missing or OpenVINO
-    // rejects it, a warning is logged and a core with OpenVINO's own plugin registry is returned
-    // instead, since a missing configuration must not stop the load.
+    // A core made with the given plugin configuration file (empty: OpenVINO's own registry). When
+    // the file is missing, OpenVINO rejects it or the CPU plugin it names does not load, a warning
+    // is logged and a core with OpenVINO's own registry is returned instead: a configuration
+    // problem must not stop the load.
     static ov::Core CreateCore(const std::string& pluginConfigPath);
 
     // The folder handed to OpenVINO as its model cache for `modelPath`: cachePath/ov/<key>, where
