@@ -88,13 +88,19 @@ ProcessingTypeDetails ProcessingTypeInitializer::GetSelectedProcessingTypeDetail
     const std::string path = configFilePath();
     // The evaluator program writes the file; one that cannot be read as the two string members
     // (including one caught half-written) means no selection.
-    std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
-    if (!file.is_open()) {
-        ZLOG_ERROR(fn, "Stored processing type selection {} cannot be opened", path);
+    std::string text;
+    try {
+        std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
+        if (!file.is_open()) {
+            ZLOG_ERROR(fn, "Stored processing type selection {} cannot be opened", path);
+            return details;
+        }
+        text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    } catch (const std::exception& e) {
+        // A folder in the file's place, or a read error.
+        ZLOG_ERROR(fn, "Stored processing type selection {} cannot be read: {}", path, e.what());
         return details;
     }
-    const std::string text((std::istreambuf_iterator<char>(file)),
-                           std::istreambuf_iterator<char>());
     rapidjson::Document doc;
     doc.Parse(text.c_str(), text.size());
     if (doc.HasParseError() || !doc.IsObject()) {
