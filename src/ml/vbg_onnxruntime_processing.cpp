@@ -229,9 +229,10 @@ void OnnxRuntimeProcessing::clearBinding() {
     inputBuffer.reset();
 }
 
-void OnnxRuntimeProcessing::fillInput(const uint8_t* pixels, const float* prevMask, int32_t n) {
+void OnnxRuntimeProcessing::FillPlanarInput(const uint8_t* pixels, const float* prevMask, int32_t n,
+                                            float* planes) {
     const float* table = unitFloatTable;
-    float* c0 = inputData_.get();
+    float* c0 = planes;
     float* c1 = c0 + n;
     float* c2 = c1 + n;
     float* c3 = c2 + n;
@@ -260,11 +261,7 @@ void OnnxRuntimeProcessing::fillInput(const uint8_t* pixels, const float* prevMa
     std::memcpy(c3, prevMask, static_cast<size_t>(n) * sizeof(float));
 }
 
-void OnnxRuntimeProcessing::smoothMask(VBGMLState* state) const {
-    const int32_t n = state->size;
-    const float* person = outputData_.get() + static_cast<size_t>(n) * kPersonChannel;
-    float* prev = state->prevMask.get();
-    uint8_t* mask = state->mask.get();
+void OnnxRuntimeProcessing::SmoothMask(const float* person, float* prev, uint8_t* mask, int32_t n) {
     int32_t p = 0;
     for (; p + 4 <= n; p += 4) {
         const float s0 = kNewWeight * person[p] + kPreviousWeight * prev[p];
@@ -307,14 +304,15 @@ bool OnnxRuntimeProcessing::runModel(const uint8_t* image, uint32_t width, uint3
         return false;
     }
     try {
-        fillInput(pixels, state->prevMask.get(), state->size);
+        FillPlanarInput(pixels, state->prevMask.get(), state->size, inputData_.get());
         session_->Run(Ort::RunOptions{nullptr}, kInputNames, &inputValue_, 1, kOutputNames,
                       &outputValue_, 1);
     } catch (const Ort::Exception& e) {
         ZLOG_ERROR("VBG::OnnxRuntimeProcessing::runModel", "Error: {0}", e.what());
         return false;
     }
-    smoothMask(state);
+    SmoothMask(outputData_.get() + static_cast<size_t>(state->size) * kPersonChannel,
+               state->prevMask.get(), state->mask.get(), state->size);
     return true;
 }
 
