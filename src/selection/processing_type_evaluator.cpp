@@ -31,26 +31,33 @@ constexpr const char* kEvaluatorProgramName = "EvalVBGProcessingType";
 // How often a running evaluator is looked at while the library waits for it.
 constexpr std::chrono::milliseconds kExitPollInterval{5};
 
-// True from the start of an evaluation until its end; cleared under evaluationMutex just before
-// every waiter is woken.
-std::atomic<bool> evaluationRunning{false};
-std::mutex evaluationMutex;
-std::condition_variable evaluationDone;
+// The process-wide evaluation state. It is never destroyed: the detached evaluation thread may
+// still use it while the process exits.
+struct EvaluationState {
+    // True from the start of an evaluation until its end; cleared under evaluationMutex just before
+    // every waiter is woken.
+    std::atomic<bool> evaluationRunning{false};
+    std::mutex evaluationMutex;
+    std::condition_variable evaluationDone;
 
-std::mutex limitsMutex;
-EvaluatorLimits& limitsStorage() {
-    static EvaluatorLimits limits;
-    return limits;
+    std::mutex limitsMutex;
+    EvaluatorLimits limits;
+};
+
+EvaluationState& state() {
+    static EvaluationState* const instance = new EvaluationState;
+    return *instance;
 }
+
 EvaluatorLimits currentLimits() {
-    std::lock_guard<std::mutex> lock(limitsMutex);
-    return limitsStorage();
+    std::lock_guard<std::mutex> lock(state().limitsMutex);
+    return state().limits;
 }
 
 void finishEvaluation() {
-    std::lock_guard<std::mutex> lock(evaluationMutex);
-    evaluationRunning.exchange(false);
-    evaluationDone.notify_all();
+    std::lock_guard<std::mutex> lock(state().evaluationMutex);
+    state().evaluationRunning.exchange(false);
+    state().evaluationDone.notify_all();
 }
 
 // Whether the stored selection is too old to be used. A stored time that cannot be read counts as
@@ -201,8 +208,8 @@ std::string modelFileArgument() {
 }  // namespace
 
 void SetEvaluatorLimitsForTesting(const EvaluatorLimits& limits) {
-    std::lock_guard<std::mutex> lock(limitsMutex);
-    limitsStorage() = limits;
+    std::lock_guard<std::mutex> lock(state().limitsMutex);
+    state().limits = limits;
 }
 
 void ResetEvaluatorLimitsForTesting() {
@@ -212,7 +219,7 @@ void ResetEvaluatorLimitsForTesting() {
 void ProcessingTypeEvaluator::StartEvaluation() {
     // The evaluation counts as running from here, not from the first line of the thread, so that
     // an automatic create right after the library start waits for it instead of finding nothing.
-    if (evaluationRunning.exchange(true)) {
+    if (state().evaluationRunning.exchange(true)) {
         ZLOG_INFO("VBG::ProcessingTypeEvaluator::StartEvaluation",
                   "Processing type evaluation is already running");
         return;
@@ -235,7 +242,7 @@ void ProcessingTypeEvaluator::EvaluateInternal() {
             finishEvaluation();
             return;
         }
-        evaluationRunning.exchange(true);
+        state().evaluationRunning.exchange(true);
         int32_t code = kLaunchFailed;
         for (const ProcessingType type : AutomaticSelectionOrder()) {
             code = LaunchEvaluator(type);
@@ -281,9 +288,9 @@ int32_t ProcessingTypeEvaluator::LaunchEvaluator(ProcessingType type) {
 
 bool ProcessingTypeEvaluator::WaitForEvaluationToComplete() {
     const EvaluatorLimits limits = currentLimits();
-    std::unique_lock<std::mutex> lock(evaluationMutex);
+    std::unique_lock<std::mutex> lock(state().evaluationMutex);
     const auto deadline = std::chrono::steady_clock::now() + limits.completionWait;
-    if (evaluationDone.wait_until(lock, deadline) == std::cv_status::timeout) {
+    if (state().evaluationDone.wait_until(lock, deadline) == std::cv_status::timeout) {
         ZLOG_ERROR("VBG::ProcessingTypeEvaluator::WaitForEvaluationToComplete",
                    "Evaluation thread timeout occured");
         return false;
@@ -292,7 +299,7 @@ bool ProcessingTypeEvaluator::WaitForEvaluationToComplete() {
 }
 
 bool ProcessingTypeEvaluator::IsEvaluationRunning() {
-    return evaluationRunning.load();
+    return state().evaluationRunning.load();
 }
 
 std::string ProcessingTypeEvaluator::EvaluatorProgramPath() {
