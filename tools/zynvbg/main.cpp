@@ -450,9 +450,9 @@ int run(int argc, char** argv) {
 }  // namespace zynvbg
 
 int main(int argc, char** argv) {
-    // FFmpeg's own chatter (encoder banners, probing notes) would bury the tool's output; its
-    // errors still show.
-    av_log_set_level(AV_LOG_ERROR);
+    // FFmpeg's own messages (encoder banners, probing notes, the details of an error the tool
+    // reports itself) would bury the tool's one-line messages.
+    av_log_set_level(AV_LOG_FATAL);
     try {
         return zynvbg::run(argc, argv);
     } catch (const zynvbg::ToolError& error) {
