@@ -1,0 +1,142 @@
+// Plays a background video in a loop on a thread of its own and hands each new frame, cropped and
+// scaled to the size the consumer asks for, to the consumer (the background image).
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "media/ffmpeg_helpers.h"
+#include "media/video_decoder.h"
+
+namespace VBG {
+
+// The receiving end of a video playback.
+class VideoFrameSink {
+  public:
+    virtual ~VideoFrameSink() = default;
+    // Offers a new frame of width x height ARGB pixels (stride width x 4), on the playback
+    // thread. The sink takes it by swapping `frame` with its own buffer of the same size (which
+    // the playback then reuses), or leaves it when it no longer wants that size.
+    virtual void deliverVideoFrame(std::vector<uint8_t>& frame, int width, int height) = 0;
+};
+
+// Where a playback is in its life. The numbers are what BackgroundImage::playbackState reports.
+enum class PlaybackState : uint32_t {
+    Created = 0,  // video opened, thread not started yet
+    Failed = 1,   // the thread ended on a decoding error; no frame will come
+    Running = 2,  // decoding at the video's frame rate
+    Paused = 3,   // decoding suspended until the next frame request
+    Stopped = 4,  // stopped by Cleanup (or no playback at all)
+};
+
+// Bits of VBGSettings::playbackOptions.
+enum PlaybackOptionBits : uint8_t {
+    // Every decoded frame also goes to the auxiliary consumer (SetAuxiliaryConsumer).
+    kPlaybackAuxiliaryOutput = 1,
+    // Decoded frames go to CPU memory. Always the case on this platform: there is no GPU copy.
+    kPlaybackCpuCopy = 2,
+};
+
+class VideoFilePlayback : public std::enable_shared_from_this<VideoFilePlayback> {
+  public:
+    // Without a frame request for this long, the playback thread stops decoding until the next
+    // request: a background nobody composes costs no decoding.
+    static constexpr std::chrono::milliseconds kDefaultPauseAfter{11000};
+
+    // Receives every decoded frame at the video's own size (ARGB, stride width x 4) on the
+    // playback thread, before the consumer gets it.
+    using AuxiliaryConsumer = std::function<void(const uint8_t* argb, int width, int height)>;
+
+    // Opens the video; nullptr (with the cause logged) when it cannot be played. The memory of a
+    // memory source must stay valid while the playback lives. `pauseAfter` is the idle time
+    // before decoding pauses; tests shorten it.
+    static std::shared_ptr<VideoFilePlayback> Create(
+        const Media::MediaSource& source, uint8_t playbackOptions,
+        std::weak_ptr<VideoFrameSink> sink,
+        std::chrono::milliseconds pauseAfter = kDefaultPauseAfter);
+
+    ~VideoFilePlayback();
+    VideoFilePlayback(const VideoFilePlayback&) = delete;
+    VideoFilePlayback& operator=(const VideoFilePlayback&) = delete;
+
+    // Starts the playback thread. A running thread is left alone ("Already Playback Running").
+    // False when the thread cannot be started, after a decoding failure, or after Cleanup.
+    bool Start();
+    // Stops the thread and waits for it (unless called on the playback thread itself, which
+    // then ends on its own), then releases the decoder. Safe to call more than once.
+    void Cleanup();
+
+    // The consumer asks for frames of width x height (from the next frame on). Every request
+    // counts as activity: it keeps the thread decoding and wakes a paused one.
+    void RequestFrame(int width, int height);
+    // Activity without a size change.
+    void RequestFrame();
+    // The consumer has taken the frame it was handed; counts as activity like a request.
+    void FrameConsumed();
+
+    PlaybackState State() const { return state_.load(); }
+    uint8_t playbackOptions() const { return playbackOptions_; }
+    // Frames per second the thread paces itself at.
+    double frameRate() const { return frameRate_; }
+    uint64_t framesDelivered() const { return framesDelivered_.load(); }
+    uint64_t framesConsumed() const { return framesConsumed_.load(); }
+    // Takes effect when set before Start; used only with kPlaybackAuxiliaryOutput.
+    void SetAuxiliaryConsumer(AuxiliaryConsumer consumer);
+
+  private:
+    VideoFilePlayback(const Media::MediaSource& source, uint8_t playbackOptions,
+                      std::weak_ptr<VideoFrameSink> sink, std::chrono::milliseconds pauseAfter);
+
+    static void ThreadMain(std::shared_ptr<VideoFilePlayback> self);
+    void RunFilePlayback();
+    // Decodes one frame and hands it on. False when decoding cannot go on.
+    bool DecodeTick();
+    // Waits for a frame request when none came for pauseAfter_. False when stopped meanwhile.
+    bool PauseWhenIdle();
+
+    const std::string description_;
+    const uint8_t playbackOptions_;
+    const std::weak_ptr<VideoFrameSink> sink_;
+    const std::chrono::milliseconds pauseAfter_;
+
+    double frameRate_ = 0.0;
+    std::chrono::nanoseconds framePeriod_{0};
+
+    // Used by the playback thread only once it runs; released by Cleanup.
+    std::unique_ptr<Media::VideoDecoder> decoder_;
+    Media::FramePtr frame_;
+    Media::ArgbConverter converter_;
+    std::vector<uint8_t> sourceArgb_;
+    std::vector<uint8_t> pendingFrame_;
+    AuxiliaryConsumer auxiliaryConsumer_;
+
+    std::atomic<PlaybackState> state_{PlaybackState::Created};
+    std::atomic<uint64_t> requestedSize_{0};  // width << 32 | height
+    std::atomic<uint64_t> framesDelivered_{0};
+    std::atomic<uint64_t> framesConsumed_{0};
+
+    // Last frame request; `paused_` is true while the thread waits for one.
+    std::mutex requestMutex_;
+    std::chrono::steady_clock::time_point lastRequest_;
+    bool paused_ = false;
+
+    // Pacing sleeps and the pause wait; Cleanup wakes both at once.
+    std::mutex wakeMutex_;
+    std::condition_variable wakeCondition_;
+    int resumeFlag_ = 0;
+    std::atomic<bool> stopRequested_{false};
+
+    std::mutex threadMutex_;
+    std::thread thread_;
+    std::atomic<bool> threadRunning_{false};
+};
+
+}  // namespace VBG
