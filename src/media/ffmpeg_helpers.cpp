@@ -25,11 +25,12 @@ constexpr const char* kPictureFormats = "png_pipe,jpeg_pipe,gif";
 constexpr const char* kPictureCodecs = "png,mjpeg,gif";
 constexpr const char* kVideoFormats = "mov,matroska,ogg";
 
-// FFmpeg writes its own diagnostics to stderr; the library reports failures in its own records,
-// so only FFmpeg's errors are let through.
+// FFmpeg writes its own diagnostics to stderr, which belongs to the host; a damaged background
+// video would repeat them on every loop. The library reports every failure in its own records
+// instead, so FFmpeg is kept quiet short of a fatal error.
 void QuietFfmpegLog() {
     static std::once_flag once;
-    std::call_once(once, [] { av_log_set_level(AV_LOG_ERROR); });
+    std::call_once(once, [] { av_log_set_level(AV_LOG_FATAL); });
 }
 
 int ReadMemory(void* opaque, uint8_t* buffer, int bufferSize) {
