@@ -166,9 +166,11 @@ TEST_F(SettingsConversion, DiskFileRefusals) {
     EXPECT_EQ(0u, settings_.blurAlgo);
     EXPECT_EQ(0u, settings_.bt);
 
-    // A mov file passes the effect configuration but is in neither list of readable files.
-    EXPECT_FALSE(convert(backgroundConfig(1, 6, u"/c/clip.mov")));
-    EXPECT_TRUE(log_.contains("Unknown file format provided, file:/c/clip.mov"));
+    // A mov file plays from disk as a video; a MOV file is refused like JPG.
+    EXPECT_TRUE(convert(backgroundConfig(1, 6, u"/c/clip.mov")));
+    EXPECT_EQ(3u, settings_.bt);
+    EXPECT_FALSE(convert(backgroundConfig(1, 6, u"/c/clip.MOV")));
+    EXPECT_TRUE(log_.contains("Unknown file format provided, file:/c/clip.MOV"));
 
     // Only the file name part has an extension.
     EXPECT_FALSE(convert(backgroundConfig(1, 1, u"/c/v1.5/background")));

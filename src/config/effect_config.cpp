@@ -128,7 +128,12 @@ int32_t IntegerTextToInt(const std::string& text) {
 }
 
 std::string CacheFilePath(const std::string& fileCachePath, const std::string& fileName) {
-    return (std::filesystem::u8path(fileCachePath) / std::filesystem::u8path(fileName)).u8string();
+    // A plain join: the name is always taken inside the cache folder, even when it starts with a
+    // separator.
+    if (fileCachePath.empty() || fileCachePath.back() == '/') {
+        return fileCachePath + fileName;
+    }
+    return fileCachePath + "/" + fileName;
 }
 
 bool ParseVbgConfig(const rapidjson::Value& effects, const std::string& fileCachePath,

@@ -18,7 +18,9 @@ constexpr size_t kMaxSettingsPathChars = 1022;
 // Extensions (without the dot, case-sensitive) of files a background can be read from.
 constexpr std::array<std::string_view, 7> kImageExtensions = {"jfif", "pjpeg", "jpeg", "pjp",
                                                               "jpg",  "png",   "gif"};
-constexpr std::array<std::string_view, 5> kVideoExtensions = {"m4v", "mp4", "ogm", "ogv", "webm"};
+// mov plays from a disk file (the effect configuration accepts it), though not from memory.
+constexpr std::array<std::string_view, 6> kVideoExtensions = {"m4v", "mp4",  "ogm",
+                                                              "ogv", "webm", "mov"};
 
 template <size_t N>
 bool listed(const std::array<std::string_view, N>& list, const std::string& extension) {

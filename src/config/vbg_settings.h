@@ -10,7 +10,8 @@ namespace VBG {
 // Background types (VBGSettings::bt).
 enum BackgroundType : uint32_t { BtNone = 0, BtBlur = 1, BtImage = 2, BtVideo = 3 };
 
-// A record with its documented defaults: pt 9 (automatic), everything else zero.
+// A record with its defaults: pt 9 (automatic), decoded video frames kept in CPU memory
+// (playbackOptions 2), everything else zero.
 VBGSettings DefaultVBGSettings();
 
 namespace D3D12Utils {
