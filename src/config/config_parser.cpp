@@ -63,7 +63,8 @@ bool ConfigParser::SetConfig(const char* path) {
         ZLOG_ERROR("VBG::ConfigParser::SetConfig", "Config file open failed.");
         return false;
     }
-    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::string text((std::istreambuf_iterator<char>(file)),
+                           std::istreambuf_iterator<char>());
     rapidjson::Document doc;
     doc.Parse(text.c_str(), text.size());
     if (doc.HasParseError() || !doc.IsObject()) {
