@@ -457,3 +457,28 @@ TEST(ZynvbgEndToEnd, ConferenceroomOutputHasTheRoomPictureSize) {
     EXPECT_LT(Distance(roomCorner, {0, 0, 255}), 60.0);
     EXPECT_LT(Distance(slide, {0, 128, 0}), 60.0);
 }
+
+TEST(ZynvbgEndToEnd, ASinglePictureIsWrittenOnceWithTheMaskSettled) {
+    ToolRun zynvbg;
+    const fs::path picture = zynvbg / "portrait.png";
+    const fs::path background = zynvbg / "magenta.png";
+    const fs::path out = zynvbg / "portrait-out.png";
+    Ffmpeg({"-i", zyn_test::SampleImage("astronaut.png").string(), "-vf",
+            "crop=512:288:0:0,scale=640:360", picture.string()},
+           zynvbg.dir());
+    MakeColourPicture(background, "magenta", "640x360", zynvbg.dir());
+
+    const RunResult r =
+        zynvbg({"-i", picture.string(), "-o", out.string(), "--background", background.string()});
+    ASSERT_EQ(r.code, 0) << Describe(r);
+    EXPECT_NE(r.out.find("zynvbg: 1 frames"), std::string::npos) << Describe(r);
+    const std::vector<Rgb> input = DecodeRgb(picture, 640, 360, zynvbg.dir());
+    const std::vector<Rgb> output = DecodeRgb(out, 640, 360, zynvbg.dir());
+    ASSERT_EQ(input.size(), 1u);
+    ASSERT_EQ(output.size(), 1u);
+    EXPECT_LT(Distance(input[0].mean(kFaceX, kFaceY, kFaceW, kFaceH),
+                       output[0].mean(kFaceX, kFaceY, kFaceW, kFaceH)),
+              12.0)
+        << "the person has not settled in the written picture";
+    EXPECT_LT(Distance(output[0].mean(kWallX, kWallY, kWallW, kWallH), kMagenta), 45.0);
+}

@@ -45,6 +45,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr int kDefaultProcessingMode = 8;  // ONNX Runtime on the CPU
+constexpr int64_t kPictureSettleFrames = 4;
 
 fs::path toolFolder() {
     std::error_code ec;
@@ -238,7 +239,12 @@ int run(int argc, char** argv) {
     const fs::path models = findModels(o, tool);
 
     FrameReader input(o.input, o.raw ? &*o.raw : nullptr);
-    if (input.isPicture() && o.maxFrames > 1) {
+    // A single picture is run through the library several times and only the last result is
+    // written: the person mask is smoothed from frame to frame starting from an empty mask, so
+    // the first results still show the person fading in.
+    const int64_t settleFrames = input.isPicture() && o.maxFrames < 0 ? kPictureSettleFrames : 0;
+    const int64_t frameLimit = settleFrames > 0 ? settleFrames + 1 : o.maxFrames;
+    if (input.isPicture() && frameLimit > 1) {
         input.setLooping(true);  // a still clip of the picture
     }
     const bool singleFrame = o.maxFrames == 1 || (input.isPicture() && o.maxFrames < 0);
@@ -342,9 +348,11 @@ int run(int argc, char** argv) {
     Progress progress(!o.quiet && isatty(STDERR_FILENO) != 0, expected);
     const auto started = std::chrono::steady_clock::now();
 
-    int64_t index = 0;
+    // Frame numbers count the written frames from 0; settling runs of a picture come before
+    // frame 0.
+    int64_t index = -settleFrames;
     size_t nextSwitch = 0;
-    while (o.maxFrames < 0 || index < o.maxFrames) {
+    while (frameLimit < 0 || index + settleFrames < frameLimit) {
         if (!input.read(camera)) {
             break;
         }
@@ -389,14 +397,16 @@ int run(int argc, char** argv) {
         if (timings.is_open()) {
             timings << index << ',' << static_cast<int64_t>(micros + 0.5) << '\n';
         }
-        if (!writer) {
-            writer = OpenWriter(plan, ow, oh, input.frameRate(), o.layout);
+        if (index >= 0) {
+            if (!writer) {
+                writer = OpenWriter(plan, ow, oh, input.frameRate(), o.layout);
+            }
+            writer->write(result);
         }
-        writer->write(result);
         ++index;
-        progress.update(index);
+        progress.update(std::max<int64_t>(index, 0));
     }
-    if (index == 0) {
+    if (index <= 0) {
         throw ToolError(kExitUnreadableInput, "'" + o.input + "' holds no frames");
     }
     writer->finish();
@@ -424,7 +434,7 @@ int run(int argc, char** argv) {
         for (double v : latencies) {
             sum += v;
         }
-        const double libraryFps = sum > 0 ? static_cast<double>(index) * 1e6 / sum : 0.0;
+        const double libraryFps = sum > 0 ? static_cast<double>(latencies.size()) * 1e6 / sum : 0.0;
         char line[512];
         std::cout << "zynvbg: " << index << " frames of " << width << "x" << height << " "
                   << LayoutName(o.layout) << " -> " << writer->describe() << "\n";

@@ -277,7 +277,9 @@ Usage: zynvbg [options] -i INPUT -o OUTPUT
 Input
   -i, --input FILE        a video or picture FFmpeg can open (mp4, mkv, webm, mov, avi, png,
                           jpg, gif, ...), a .y4m file, or raw YUV with --raw-size. The input may
-                          also be given as the only argument without -i.
+                          also be given as the only argument without -i. A single picture is
+                          run through the library five times and the last result is written:
+                          the person mask is smoothed from frame to frame and settles first.
   --raw-size WxH          the input is headerless YUV frames of this size
   --raw-format i420|nv12  layout of raw YUV input (default i420)
   --raw-fps N             frame rate of raw YUV input (default 30)
