@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <string>
 
+#include "engine/virtual_background_impl_cpu_yuv.h"
+#include "engine/virtual_background_impl_gpu.h"
 #include "selection/processing_type.h"
 #include "selection/processing_type_evaluator.h"
 #include "selection/pt_config_init.h"
@@ -14,11 +16,32 @@
 namespace VBG {
 
 VirtualBackground* VirtualBackground::createZynNative(const VBGSettings& settings, uint32_t& error,
-                                                      uint32_t /*width*/, uint32_t /*height*/) {
-    // No engine implementation is linked yet: every processing type fails to initialise.
-    ZLOG_ERROR("VBG::VirtualBackground::createZynNative", "No engine for processing type {}",
-               settings.pt);
-    error = ZYN_STATUS_CONFIG_FAILED;
+                                                      uint32_t width, uint32_t height) {
+    VirtualBackgroundImpl* engine = nullptr;
+    switch (settings.pt) {
+        case PtGPU:
+        case PtOpenVinoCpuPPGPU:
+        case PtOpenVinoGpuPPGPU:
+        case PtOnnxRuntimeDMLPPGPU:
+            engine = new VirtualBackgroundImplGPU(settings.pt);
+            break;
+        case PtAuto: {
+            VirtualBackground* automatic = createAutoZynNative(settings, error, width, height);
+            if (automatic == nullptr) {
+                ZLOG_ERROR("VBG::VirtualBackground::createZynNative", "createAutoZynNative failed");
+            }
+            return automatic;
+        }
+        default:
+            engine = new VirtualBackgroundImplYuv(settings.pt);
+            break;
+    }
+    const int result = engine->init(settings, width, height);
+    if (result == 0) {
+        return engine;
+    }
+    error = result == 1 ? ZYN_STATUS_NOT_SUPPORTED : ZYN_STATUS_CONFIG_FAILED;
+    delete engine;
     return nullptr;
 }
 

@@ -1,0 +1,658 @@
+#include "engine/virtual_background_impl_cpu_yuv.h"
+
+#include <libyuv.h>
+
+#include <cstring>
+#include <exception>
+
+#include "config/vbg_settings.h"
+#include "engine/presenter_compositing.h"
+#include "filters/blur_cpu.h"
+#include "filters/touchup_cpu.h"
+#include "media/background_image.h"
+#include "util/log.h"
+#include "util/zyn_utils.h"
+
+namespace VBG {
+namespace {
+
+constexpr const char* kFrameFn = "VBG::VirtualBackgroundImplYuv::processVideoFrameInternal";
+constexpr const char* kPresenterFn =
+    "VBG::VirtualBackgroundImplYuv::processPresentationFrameInternal";
+constexpr int32_t kEFail = static_cast<int32_t>(0x80004005u);
+// Blend kinds of overlayCameraFrameOnPresentation besides the underlay variants (0, 1).
+constexpr int kPresenterOverlay = -1;
+constexpr int kPresenterInRoom = -2;
+
+// Smoothing of the model mask before its contrast curve and upscale.
+constexpr float kMaskBlurStrength = 0.7f;
+// The blurred background's strength is the model height over this.
+constexpr float kBackgroundBlurDivisor = 36.0f;
+
+int asInt(uint32_t value) {
+    return static_cast<int>(value);
+}
+
+I420Planes planesOf(const ZynNativeInputFrame* frame) {
+    I420Planes planes;
+    planes.y = frame->plane0;
+    planes.strideY = asInt(frame->stride0);
+    planes.u = frame->plane1;
+    planes.strideU = asInt(frame->stride1);
+    planes.v = frame->plane2;
+    planes.strideV = asInt(frame->stride2);
+    return planes;
+}
+
+// Whether the planes of a frame record cover its size, so that nothing reads or writes outside
+// the host's buffers. Formats other than NV12 and I420 are left to the format checks of the
+// steps, which report them by number.
+bool frameRecordUsable(const ZynNativeInputFrame* frame) {
+    if (frame->width == 0 || frame->height == 0 ||
+        frame->width > VirtualBackgroundImplYuv::kMaxFrameSide ||
+        frame->height > VirtualBackgroundImplYuv::kMaxFrameSide) {
+        return false;
+    }
+    const uint32_t cw = (frame->width + 1) / 2;
+    switch (frame->format) {
+        case ZYN_FORMAT_NV12:
+            return frame->plane0 != nullptr && frame->plane1 != nullptr &&
+                   frame->stride0 >= frame->width && frame->stride1 >= 2 * cw;
+        case ZYN_FORMAT_I420:
+            return frame->plane0 != nullptr && frame->plane1 != nullptr &&
+                   frame->plane2 != nullptr && frame->stride0 >= frame->width &&
+                   frame->stride1 >= cw && frame->stride2 >= cw;
+        default:
+            return true;
+    }
+}
+
+bool checkFrameRecord(const char* fn, const char* role, const ZynNativeInputFrame* frame) {
+    if (frame == nullptr) {
+        ZLOG_ERROR(fn, "No {} frame record", role);
+        return false;
+    }
+    if (!frameRecordUsable(frame)) {
+        ZLOG_ERROR(fn, "Unusable {} frame: {}x{} format={} strides {} {} {}", role, frame->width,
+                   frame->height, frame->format, frame->stride0, frame->stride1, frame->stride2);
+        return false;
+    }
+    return true;
+}
+
+bool writeI420ToFrame(const I420Planes& src, uint32_t width, uint32_t height,
+                      ZynNativeInputFrame* output, const char* fn) {
+    switch (output->format) {
+        case ZYN_FORMAT_NV12:
+            return libyuv::I420ToNV12(src.y, src.strideY, src.u, src.strideU, src.v, src.strideV,
+                                      output->plane0, asInt(output->stride0), output->plane1,
+                                      asInt(output->stride1), asInt(width), asInt(height)) == 0;
+        case ZYN_FORMAT_I420:
+            return libyuv::I420Copy(src.y, src.strideY, src.u, src.strideU, src.v, src.strideV,
+                                    output->plane0, asInt(output->stride0), output->plane1,
+                                    asInt(output->stride1), output->plane2, asInt(output->stride2),
+                                    asInt(width), asInt(height)) == 0;
+        default:
+            ZLOG_ERROR(fn, "Unknown output frame format: {}", output->format);
+            return false;
+    }
+}
+
+}  // namespace
+
+VirtualBackgroundImplYuv::VirtualBackgroundImplYuv(uint32_t processingType_)
+    : VirtualBackgroundImpl(processingType_) {}
+
+VirtualBackgroundImplYuv::~VirtualBackgroundImplYuv() {
+    ZLOG_INFO("VBG::VirtualBackgroundImplYuv::~VirtualBackgroundImplYuv", "Destroyed. HR:0x{0:X}",
+              addr(this));
+}
+
+int VirtualBackgroundImplYuv::init(const VBGSettings& newSettings, uint32_t width,
+                                   uint32_t height) {
+    const int result = VirtualBackgroundImpl::init(newSettings, width, height);
+    if (result != 0) {
+        return result;
+    }
+    const size_t n = static_cast<size_t>(mlState->width) * mlState->height;
+    modelYuvBuffer.ensure(I420BufferSize(mlState->width, mlState->height));
+    modelArgbBuffer.ensure(n * 4);
+    return 0;
+}
+
+bool VirtualBackgroundImplYuv::processVideoFrameInternal(const ZynNativeInputFrame* input,
+                                                         ZynNativeInputFrame* output) {
+    if (!checkFrameRecord(kFrameFn, "input", input) ||
+        !checkFrameRecord(kFrameFn, "output", output)) {
+        return false;
+    }
+    if (output->width != input->width || output->height != input->height) {
+        ZLOG_ERROR(kFrameFn, "Output frame {}x{} does not match the input frame {}x{}",
+                   output->width, output->height, input->width, input->height);
+        return false;
+    }
+    if (!updateFrameSizeAndSettings(input->width, input->height)) {
+        return false;
+    }
+    if (settings.bt != BtNone) {
+        if (!updateARGBBuffer(input, true)) {
+            ZLOG_ERROR(kFrameFn, "updateARGBBuffer failed");
+            return false;
+        }
+        if (!runMLModel(videoStats)) {
+            ZLOG_ERROR(kFrameFn, "runMLModel failed");
+            return false;
+        }
+        if (!composeFrame(output)) {
+            ZLOG_ERROR(kFrameFn, "composeFrame failed");
+            return false;
+        }
+    } else {
+        if (!touchUpEnabled()) {
+            ZLOG_ERROR(kFrameFn, "Internal processVideoFrame failed: Invalid config");
+            return false;
+        }
+        if (!updateARGBBuffer(input, false)) {
+            ZLOG_ERROR(kFrameFn, "updateARGBBuffer failed");
+            return false;
+        }
+        if (!touchUpOnly(output)) {
+            ZLOG_ERROR(kFrameFn, "touchUpOnly failed");
+            return false;
+        }
+    }
+    if (!updateOutputFrame(output)) {
+        ZLOG_ERROR(kFrameFn, "updateOutputFrame failed");
+        return false;
+    }
+    return true;
+}
+
+bool VirtualBackgroundImplYuv::updateFrameSizeAndSettings(uint32_t width, uint32_t height) {
+    constexpr const char* fn = "VBG::VirtualBackgroundImplYuv::updateFrameSizeAndSettings";
+    VBGSettings next;
+    uint64_t sequence = 0;
+    bool resetRequired = false;
+    const bool pending = takePendingSettings(next, sequence, resetRequired);
+    const bool sizeChanged = width != frameWidth || height != frameHeight;
+    if (!pending && !sizeChanged) {
+        return true;
+    }
+    if (pending && resetRequired && !initBackgroundImage(next)) {
+        ZLOG_ERROR(kFrameFn, "initBackgroundImage failed");
+        return false;
+    }
+    ZLOG_TRACE(fn, "Frame size changed from {}x{} -> {}x{} vbgUpdateRequested -> {}", frameWidth,
+               frameHeight, width, height, pending);
+    if (!sizeChanged && !resetRequired) {
+        // Touch-up alone changed: only the touch-up filter is made again, with the new sigma.
+        commitPendingSettings(next, sequence);
+        touchUp.reset();
+        return true;
+    }
+    if (backgroundImage && !backgroundImage->resetVideoFilePlayback()) {
+        ZLOG_ERROR(fn, "resetVideoFilePlayback failed");
+        return false;
+    }
+    if (pending) {
+        commitPendingSettings(next, sequence);
+    }
+    releaseBuffers(false);
+    frameWidth = width;
+    frameHeight = height;
+    touchUp.reset();
+    if (settings.bt == BtVideo && backgroundImage && !backgroundImage->startVideoFilePlayback()) {
+        ZLOG_ERROR(fn, "Failed to start video file playback thread");
+    }
+    return true;
+}
+
+bool VirtualBackgroundImplYuv::updateARGBBuffer(const ZynNativeInputFrame* input,
+                                                bool makeModelInput) {
+    const uint32_t w = input->width;
+    const uint32_t h = input->height;
+    switch (input->format) {
+        case ZYN_FORMAT_I420:
+            camera_ = planesOf(input);
+            break;
+        case ZYN_FORMAT_NV12: {
+            camera_ = I420InBuffer(inputYuvBuffer.ensure(I420BufferSize(w, h)), w, h);
+            libyuv::NV12ToI420(input->plane0, asInt(input->stride0), input->plane1,
+                               asInt(input->stride1), camera_.y, camera_.strideY, camera_.u,
+                               camera_.strideU, camera_.v, camera_.strideV, asInt(w), asInt(h));
+            break;
+        }
+        default:
+            ZLOG_ERROR("VBG::VirtualBackgroundImplYuv::updateARGBBuffer",
+                       "Unknown input frame format: {}", input->format);
+            return false;
+    }
+    if (!makeModelInput) {
+        return true;
+    }
+    const uint32_t mw = mlState->width;
+    const uint32_t mh = mlState->height;
+    const I420Planes model = I420InBuffer(modelYuvBuffer.get(), mw, mh);
+    libyuv::I420Scale(camera_.y, camera_.strideY, camera_.u, camera_.strideU, camera_.v,
+                      camera_.strideV, asInt(w), asInt(h), model.y, model.strideY, model.u,
+                      model.strideU, model.v, model.strideV, asInt(mw), asInt(mh),
+                      libyuv::kFilterBox);
+    libyuv::I420ToARGB(model.y, model.strideY, model.u, model.strideU, model.v, model.strideV,
+                       modelArgbBuffer.get(), asInt(mw * 4), asInt(mw), asInt(mh));
+    return true;
+}
+
+bool VirtualBackgroundImplYuv::runMLModel(FrameStats& stats) {
+    stats.mark(FrameStats::PreDone);
+    try {
+        if (!mlProcessing->runModel(modelArgbBuffer.get(), mlState->width, mlState->height,
+                                    mlState.get())) {
+            ZLOG_ERROR("VBG::VirtualBackgroundImplYuv::runMLModel", "CPU VBG ML runMLModel failed");
+            return false;
+        }
+        stats.mark(FrameStats::InferenceDone);
+        return true;
+    } catch (const HResultError& e) {
+        Utils::processException(e, "runMLModel failed.");
+    } catch (const std::exception& e) {
+        Utils::processException(HResultError(kEFail, e.what()), "runMLModel failed.");
+    }
+    return false;
+}
+
+void VirtualBackgroundImplYuv::prepareModelMask() {
+    const uint32_t mw = mlState->width;
+    const uint32_t mh = mlState->height;
+    const size_t n = static_cast<size_t>(mw) * mh;
+    if (!maskBlur) {
+        maskBlur = std::make_unique<Blur>(asInt(mw), asInt(mh), kMaskBlurStrength);
+    }
+    uint8_t* mask = modelMaskBuffer.ensure(n);
+    std::memcpy(mask, mlState->mask.get(), n);
+    maskBlur->blur(mask, asInt(mw), asInt(mh));
+    for (size_t i = 0; i < n; ++i) {
+        mask[i] = maskContrastTable[mask[i]];
+    }
+}
+
+I420Planes VirtualBackgroundImplYuv::destinationPlanes(const ZynNativeInputFrame* output) {
+    if (output->format == ZYN_FORMAT_I420) {
+        return planesOf(output);
+    }
+    return I420InBuffer(outputYuvBuffer.ensure(I420BufferSize(frameWidth, frameHeight)), frameWidth,
+                        frameHeight);
+}
+
+bool VirtualBackgroundImplYuv::composeFrame(const ZynNativeInputFrame* output) {
+    const int W = asInt(frameWidth);
+    const int H = asInt(frameHeight);
+    const int mw = asInt(mlState->width);
+    const int mh = asInt(mlState->height);
+    if (!maskBuffer) {
+        maskBuffer.ensure(static_cast<size_t>(W) * H);
+    }
+    if (!backgroundYuvBuffer || (backgroundImage && backgroundImage->hasNewFrame())) {
+        loadBackgroundImageInYuv(frameWidth, frameHeight);
+    }
+    prepareModelMask();
+    uint8_t* modelMask = modelMaskBuffer.get();
+    libyuv::ScalePlane(modelMask, mw, mw, mh, maskBuffer.get(), W, W, H, libyuv::kFilterBilinear);
+    const I420Planes background = I420InBuffer(backgroundYuvBuffer.get(), frameWidth, frameHeight);
+
+    if (settings.bt == BtBlur) {
+        // The blurred background is made at model resolution; person pixels neither feed the
+        // blur nor are replaced by it, so the person does not bleed into the background.
+        const int hw = mw / 2;
+        const int hh = mh / 2;
+        if (!lumaBlur) {
+            lumaBlur =
+                std::make_unique<Blur>(mw, mh, static_cast<float>(mh) / kBackgroundBlurDivisor);
+            chromaBlur =
+                std::make_unique<Blur>(hw, hh, static_cast<float>(hh) / kBackgroundBlurDivisor);
+            halfMaskBuffer.ensure(static_cast<size_t>(hw) * hh);
+        }
+        const I420Planes model =
+            I420InBuffer(modelYuvBuffer.get(), mlState->width, mlState->height);
+        lumaBlur->setMask(modelMask);
+        lumaBlur->blurMasked(model.y, mw, mh);
+        libyuv::ScalePlane(modelMask, mw, mw, mh, halfMaskBuffer.get(), hw, hw, hh,
+                           libyuv::kFilterBilinear);
+        chromaBlur->setMask(halfMaskBuffer.get());
+        chromaBlur->blurMasked(model.u, hw, hh);
+        chromaBlur->blurMasked(model.v, hw, hh);
+        libyuv::I420Scale(model.y, model.strideY, model.u, model.strideU, model.v, model.strideV,
+                          mw, mh, background.y, background.strideY, background.u,
+                          background.strideU, background.v, background.strideV, W, H,
+                          libyuv::kFilterBox);
+    }
+
+    const I420Planes dst = destinationPlanes(output);
+    I420Planes cameraPlanes = camera_;
+    if (touchUpEnabled()) {
+        if (!touchUp) {
+            touchUp = std::make_unique<TouchUpCPU>(settings.touchUpSigma);
+        }
+        if (!touchUp->process(cameraPlanes.y, cameraPlanes.strideY, cameraPlanes.u,
+                              cameraPlanes.strideU, cameraPlanes.v, cameraPlanes.strideV, dst.y,
+                              dst.strideY, dst.u, dst.strideU, dst.v, dst.strideV, W, H)) {
+            return false;
+        }
+        cameraPlanes = dst;  // blend in place over the smoothed frame
+    }
+    uint8_t* chromaAlpha = chromaAlphaBuffer.ensure(static_cast<size_t>(ChromaSize(W)) *
+                                                    static_cast<size_t>(ChromaSize(H)));
+    BlendI420(cameraPlanes, background, maskBuffer.get(), W, dst, chromaAlpha, W, H);
+    return true;
+}
+
+bool VirtualBackgroundImplYuv::touchUpOnly(const ZynNativeInputFrame* output) {
+    const I420Planes dst = destinationPlanes(output);
+    if (!touchUp) {
+        touchUp = std::make_unique<TouchUpCPU>(settings.touchUpSigma);
+    }
+    return touchUp->process(camera_.y, camera_.strideY, camera_.u, camera_.strideU, camera_.v,
+                            camera_.strideV, dst.y, dst.strideY, dst.u, dst.strideU, dst.v,
+                            dst.strideV, asInt(frameWidth), asInt(frameHeight));
+}
+
+bool VirtualBackgroundImplYuv::updateOutputFrame(ZynNativeInputFrame* output) {
+    switch (output->format) {
+        case ZYN_FORMAT_NV12: {
+            const I420Planes composed =
+                I420InBuffer(outputYuvBuffer.get(), frameWidth, frameHeight);
+            return libyuv::I420ToNV12(
+                       composed.y, composed.strideY, composed.u, composed.strideU, composed.v,
+                       composed.strideV, output->plane0, asInt(output->stride0), output->plane1,
+                       asInt(output->stride1), asInt(frameWidth), asInt(frameHeight)) == 0;
+        }
+        case ZYN_FORMAT_I420:
+            return true;
+        default:
+            ZLOG_ERROR("VBG::VirtualBackgroundImplYuv::updateOutputFrame",
+                       "Unknown output frame format: {}", output->format);
+            return false;
+    }
+}
+
+void VirtualBackgroundImplYuv::loadBackgroundImageInYuv(uint32_t width, uint32_t height) {
+    uint8_t* buffer = backgroundYuvBuffer.ensure(I420BufferSize(width, height));
+    if ((settings.bt != BtImage && settings.bt != BtVideo) || !backgroundImage) {
+        return;
+    }
+    const uint8_t* picture =
+        backgroundImage->lockAndGetCropAndScaledArgbBuffer(asInt(width), asInt(height));
+    if (picture == nullptr) {
+        backgroundImage->unlockVideoFrame();
+        // No picture: the background stays as it is, all zero bytes when it was just made.
+        ZLOG_ERROR("VBG::VirtualBackgroundImplYuv::loadBackgroundImageInYuv",
+                   "tempBackgroundArgbBuffer is invalid, some invalid scenario");
+        return;
+    }
+    const I420Planes dst = I420InBuffer(buffer, width, height);
+    libyuv::ARGBToI420(picture, asInt(width * 4), dst.y, dst.strideY, dst.u, dst.strideU, dst.v,
+                       dst.strideV, asInt(width), asInt(height));
+    backgroundImage->unlockVideoFrame();
+    if (settings.bt == BtVideo) {
+        backgroundImage->videoFrameConsumed();
+    }
+}
+
+void VirtualBackgroundImplYuv::releaseBuffers(bool dropBackground) {
+    VirtualBackgroundImpl::releaseBuffers(dropBackground);
+    backgroundYuvBuffer.reset();
+    inputYuvBuffer.reset();
+    outputYuvBuffer.reset();
+    lumaBlur.reset();
+    chromaBlur.reset();
+    halfMaskBuffer.reset();
+    chromaAlphaBuffer.reset();
+}
+
+// ---- Presenter compositing ----------------------------------------------------------------
+
+void VirtualBackgroundImplYuv::resetWeatherman() {
+    applyPendingWeatherman();
+    VirtualBackgroundImpl::resetWeatherman();
+    presentationYuvBuffer.reset();
+    composedYuvBuffer.reset();
+    roomBackgroundYuvBuffer.reset();
+    presenterYuvBuffer.reset();
+    presenterMaskBuffer.reset();
+    presenterAlphaBuffer.reset();
+    presenterChromaAlphaBuffer.reset();
+}
+
+void VirtualBackgroundImplYuv::updatePresentationFrameSize(uint32_t width, uint32_t height) {
+    if (width == presentationWidth && height == presentationHeight) {
+        return;
+    }
+    ZLOG_TRACE("VBG::VirtualBackgroundImplYuv::updatePresentationFrameSize",
+               "Presentation Frame size changed from {}x{} -> {}x{}", presentationWidth,
+               presentationHeight, width, height);
+    presentationWidth = width;
+    presentationHeight = height;
+    resetWeatherman();
+}
+
+bool VirtualBackgroundImplYuv::processPresentationFrameInternal(
+    const ZynNativeInputFrame* camera, const ZynNativeInputFrame* presentation,
+    ZynNativeInputFrame* output) {
+    if (!checkFrameRecord(kPresenterFn, "camera", camera) ||
+        !checkFrameRecord(kPresenterFn, "presentation", presentation) ||
+        !checkFrameRecord(kPresenterFn, "output", output)) {
+        return false;
+    }
+    if (weathermanUpdateRequested.load()) {
+        resetWeatherman();
+    }
+    switch (weathermanSettings.mode) {
+        case PresenterOverlay:
+            return processPresentationFrameForOverlayAndUnderlay(camera, presentation, output, 0);
+        case PresenterUnderlay:
+            return processPresentationFrameForOverlayAndUnderlay(camera, presentation, output, 1);
+        case PresenterNewsroom:
+        case PresenterConferenceroom:
+            return processPresentationFrameForNewsAndConferenceroom(camera, presentation, output);
+        default:
+            ZLOG_ERROR(kPresenterFn, "No presenter layout for mode {}", weathermanSettings.mode);
+            return false;
+    }
+}
+
+bool VirtualBackgroundImplYuv::initZynNativeInputPresentationFrame(
+    const ZynNativeInputFrame* presentation, I420Planes& planes) {
+    const uint32_t w = presentation->width;
+    const uint32_t h = presentation->height;
+    switch (presentation->format) {
+        case ZYN_FORMAT_I420:
+            planes = planesOf(presentation);
+            return true;
+        case ZYN_FORMAT_NV12:
+            planes = I420InBuffer(presentationYuvBuffer.ensure(I420BufferSize(w, h)), w, h);
+            return libyuv::NV12ToI420(presentation->plane0, asInt(presentation->stride0),
+                                      presentation->plane1, asInt(presentation->stride1), planes.y,
+                                      planes.strideY, planes.u, planes.strideU, planes.v,
+                                      planes.strideV, asInt(w), asInt(h)) == 0;
+        default:
+            ZLOG_ERROR("VBG::VirtualBackgroundImplYuv::initZynNativeInputPresentationFrame",
+                       "Unknown input frame format: {}", presentation->format);
+            return false;
+    }
+}
+
+bool VirtualBackgroundImplYuv::processPresentationFrameForOverlayAndUnderlay(
+    const ZynNativeInputFrame* camera, const ZynNativeInputFrame* presentation,
+    ZynNativeInputFrame* output, int underlay) {
+    const uint32_t pw = presentation->width;
+    const uint32_t ph = presentation->height;
+    updatePresentationFrameSize(pw, ph);
+    if (output->width != pw || output->height != ph) {
+        ZLOG_ERROR(kPresenterFn, "Output frame {}x{} does not match the presentation frame {}x{}",
+                   output->width, output->height, pw, ph);
+        return false;
+    }
+    I420Planes source;
+    if (!initZynNativeInputPresentationFrame(presentation, source)) {
+        ZLOG_ERROR(kPresenterFn, "initZynNativeInputPresentationFrame failed");
+        return false;
+    }
+    const I420Planes composed =
+        I420InBuffer(composedYuvBuffer.ensure(I420BufferSize(pw, ph)), pw, ph);
+    libyuv::I420Copy(source.y, source.strideY, source.u, source.strideU, source.v, source.strideV,
+                     composed.y, composed.strideY, composed.u, composed.strideU, composed.v,
+                     composed.strideV, asInt(pw), asInt(ph));
+    getPresentationData(composed.y, composed.strideY, pw, ph);
+    Viewport viewport;
+    if (!LayeredCameraViewport(weathermanSettings, camera->width, camera->height, pw, ph,
+                               viewport)) {
+        ZLOG_ERROR(kPresenterFn, "overlayCameraFrameOnPresentation failed");
+        return false;
+    }
+    int variant = kPresenterOverlay;
+    if (underlay != 0) {
+        variant = weathermanSettings.underlayMode == Presenter::UnderlayTranslucent
+                      ? static_cast<int>(Presenter::UnderlayTranslucent)
+                      : static_cast<int>(Presenter::UnderlayKeyed);
+    }
+    if (!overlayCameraFrameOnPresentation(camera, composed, pw, ph, viewport, variant)) {
+        ZLOG_ERROR(kPresenterFn, "overlayCameraFrameOnPresentation failed");
+        return false;
+    }
+    return writePresentationOutput(composed, pw, ph, output);
+}
+
+bool VirtualBackgroundImplYuv::processPresentationFrameForNewsAndConferenceroom(
+    const ZynNativeInputFrame* camera, const ZynNativeInputFrame* presentation,
+    ZynNativeInputFrame* output) {
+    const uint32_t pw = presentation->width;
+    const uint32_t ph = presentation->height;
+    updatePresentationFrameSize(pw, ph);
+    if (!presentationBitmap) {
+        ZLOG_ERROR(kPresenterFn, "Bitmap object is not present");
+        return false;
+    }
+    const uint32_t ow = static_cast<uint32_t>(presentationBitmap->width);
+    const uint32_t oh = static_cast<uint32_t>(presentationBitmap->height);
+    if (output->width != ow || output->height != oh) {
+        ZLOG_ERROR(kPresenterFn, "Output frame {}x{} does not match the room picture {}x{}",
+                   output->width, output->height, ow, oh);
+        return false;
+    }
+    if (!roomBackgroundYuvBuffer) {
+        loadBackgroundPresentationImage();
+        if (!roomPictureArgbBuffer) {
+            return false;
+        }
+        const I420Planes room =
+            I420InBuffer(roomBackgroundYuvBuffer.ensure(I420BufferSize(ow, oh)), ow, oh);
+        libyuv::ARGBToI420(roomPictureArgbBuffer.get(), asInt(ow * 4), room.y, room.strideY, room.u,
+                           room.strideU, room.v, room.strideV, asInt(ow), asInt(oh));
+    }
+    I420Planes source;
+    if (!initZynNativeInputPresentationFrame(presentation, source)) {
+        ZLOG_ERROR(kPresenterFn, "initZynNativeInputPresentationFrame failed");
+        return false;
+    }
+    const I420Planes room = I420InBuffer(roomBackgroundYuvBuffer.get(), ow, oh);
+    const I420Planes composed =
+        I420InBuffer(composedYuvBuffer.ensure(I420BufferSize(ow, oh)), ow, oh);
+    libyuv::I420Copy(room.y, room.strideY, room.u, room.strideU, room.v, room.strideV, composed.y,
+                     composed.strideY, composed.u, composed.strideU, composed.v, composed.strideV,
+                     asInt(ow), asInt(oh));
+    getPresentationData(source.y, source.strideY, pw, ph);
+
+    Viewport cameraViewport;
+    Viewport presentationViewport;
+    if (!RoomViewports(weathermanSettings, ow, camera->width, camera->height, pw, ph, ow, oh,
+                       cameraViewport, presentationViewport)) {
+        ZLOG_ERROR(kPresenterFn, "getCameraAndPresentationViewport failed");
+        return false;
+    }
+    // The presentation rectangle lies inside the picture for every size the layouts produce; on
+    // a picture too small for it, the part that fits is filled (the presentation is scaled into
+    // it rather than cut).
+    Presenter::Placement slot;
+    if (Presenter::ClipPlacement(static_cast<int64_t>(presentationViewport.x),
+                                 static_cast<int64_t>(presentationViewport.y),
+                                 static_cast<int64_t>(presentationViewport.width),
+                                 static_cast<int64_t>(presentationViewport.height), asInt(ow),
+                                 asInt(oh), slot)) {
+        const I420Planes target = I420At(composed, slot.x, slot.y);
+        libyuv::I420Scale(source.y, source.strideY, source.u, source.strideU, source.v,
+                          source.strideV, asInt(pw), asInt(ph), target.y, target.strideY, target.u,
+                          target.strideU, target.v, target.strideV, slot.width, slot.height,
+                          libyuv::kFilterBox);
+    }
+    if (!overlayCameraFrameOnPresentation(camera, composed, ow, oh, cameraViewport,
+                                          kPresenterInRoom)) {
+        ZLOG_ERROR(kPresenterFn, "overlayCameraFrameOnPresentation failed");
+        return false;
+    }
+    return writePresentationOutput(composed, ow, oh, output);
+}
+
+bool VirtualBackgroundImplYuv::overlayCameraFrameOnPresentation(const ZynNativeInputFrame* camera,
+                                                                const I420Planes& composed,
+                                                                uint32_t ow, uint32_t oh,
+                                                                const Viewport& viewport,
+                                                                int variant) {
+    constexpr const char* fn = "VBG::VirtualBackgroundImplYuv::overlayCameraFrameOnPresentation";
+    const int64_t w = static_cast<int64_t>(viewport.width);
+    const int64_t h = static_cast<int64_t>(viewport.height);
+    if (w > kMaxFrameSide || h > kMaxFrameSide) {
+        ZLOG_ERROR(fn, "Presenter size {}x{} is out of range", w, h);
+        return false;
+    }
+    Presenter::Placement place;
+    if (!Presenter::ClipPlacement(static_cast<int64_t>(viewport.x),
+                                  static_cast<int64_t>(viewport.y), w, h, asInt(ow), asInt(oh),
+                                  place)) {
+        return true;  // an empty presenter, or one placed wholly outside the frame: nothing to draw
+    }
+    // Segment the camera frame; pending effect settings and a new camera size apply here too.
+    if (!updateFrameSizeAndSettings(camera->width, camera->height) ||
+        !updateARGBBuffer(camera, true) || !runMLModel(presentationStats)) {
+        return false;
+    }
+    prepareModelMask();
+    const int pw = static_cast<int>(w);
+    const int ph = static_cast<int>(h);
+    const int mw = asInt(mlState->width);
+    const int mh = asInt(mlState->height);
+    uint8_t* mask = presenterMaskBuffer.ensure(static_cast<size_t>(pw) * ph);
+    libyuv::ScalePlane(modelMaskBuffer.get(), mw, mw, mh, mask, pw, pw, ph,
+                       libyuv::kFilterBilinear);
+    const I420Planes presenter =
+        I420InBuffer(presenterYuvBuffer.ensure(
+                         I420BufferSize(static_cast<uint32_t>(pw), static_cast<uint32_t>(ph))),
+                     static_cast<uint32_t>(pw), static_cast<uint32_t>(ph));
+    libyuv::I420Scale(camera_.y, camera_.strideY, camera_.u, camera_.strideU, camera_.v,
+                      camera_.strideV, asInt(camera->width), asInt(camera->height), presenter.y,
+                      presenter.strideY, presenter.u, presenter.strideU, presenter.v,
+                      presenter.strideV, pw, ph, libyuv::kFilterBox);
+
+    uint8_t* alpha = presenterAlphaBuffer.ensure(static_cast<size_t>(pw) * ph);
+    const size_t offset = static_cast<size_t>(place.srcY) * pw + place.srcX;
+    const I420Planes under = I420At(composed, place.x, place.y);
+    if (variant == kPresenterOverlay) {
+        Presenter::ScaleAlpha(mask, alpha, static_cast<size_t>(pw) * ph,
+                              weathermanSettings.overlayAlpha);
+    } else if (variant >= 0) {
+        Presenter::UnderlayAlpha(mask + offset, pw, under.y, under.strideY, alpha + offset, pw,
+                                 place.width, place.height, variant, presenterLayout);
+    } else {
+        std::memcpy(alpha, mask, static_cast<size_t>(pw) * ph);
+    }
+    uint8_t* chromaAlpha = presenterChromaAlphaBuffer.ensure(static_cast<size_t>(ChromaSize(pw)) *
+                                                             static_cast<size_t>(ChromaSize(ph)));
+    BlendI420(I420At(presenter, place.srcX, place.srcY), under, alpha + offset, pw, under,
+              chromaAlpha, place.width, place.height);
+    return true;
+}
+
+bool VirtualBackgroundImplYuv::writePresentationOutput(const I420Planes& composed, uint32_t ow,
+                                                       uint32_t oh, ZynNativeInputFrame* output) {
+    return writeI420ToFrame(composed, ow, oh, output, kPresenterFn);
+}
+
+}  // namespace VBG
