@@ -76,6 +76,8 @@ class VirtualBackgroundImpl : public VirtualBackground {
     virtual bool initProcessing();
 
     uint32_t getProcessingType() const { return processingType; }
+    // The settings in force (frame thread).
+    const VBGSettings& currentSettings() const { return settings; }
 
   protected:
     bool initBackgroundImage(const VBGSettings& s);

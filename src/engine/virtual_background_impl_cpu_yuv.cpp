@@ -103,10 +103,8 @@ bool writeI420ToFrame(const I420Planes& src, uint32_t width, uint32_t height,
 VirtualBackgroundImplYuv::VirtualBackgroundImplYuv(uint32_t processingType_)
     : VirtualBackgroundImpl(processingType_) {}
 
-VirtualBackgroundImplYuv::~VirtualBackgroundImplYuv() {
-    ZLOG_INFO("VBG::VirtualBackgroundImplYuv::~VirtualBackgroundImplYuv", "Destroyed. HR:0x{0:X}",
-              addr(this));
-}
+// The base destructor stops the background source and writes the "Destroyed" record.
+VirtualBackgroundImplYuv::~VirtualBackgroundImplYuv() = default;
 
 int VirtualBackgroundImplYuv::init(const VBGSettings& newSettings, uint32_t width,
                                    uint32_t height) {
