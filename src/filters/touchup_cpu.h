@@ -55,7 +55,7 @@ class TouchUpCPU {
 
     std::vector<float> weights_;
     // Pair weights the vector kernel shares between rows, allocated with skinPoints_.
-    std::vector<double> pairWeights_;
+    std::vector<float> pairWeights_;
     std::vector<uint64_t> pairStamps_;
     uint64_t frames_ = 0;
     // Luma row and column of the top-left pixel of every skin block of the current frame;

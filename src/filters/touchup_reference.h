@@ -63,7 +63,7 @@ uint8_t FilterPixel_C(const uint8_t* src, ptrdiff_t stride, int row, int col, co
 constexpr int kDownwardTaps = 10;
 
 struct SharedPairWeights {
-    double* weights = nullptr;   // [3 rows][kDownwardTaps][columns]
+    float* weights = nullptr;    // [3 rows][kDownwardTaps][columns], table values
     uint64_t* stamps = nullptr;  // [3 rows][columns]
     int columns = 0;
     uint64_t frame = 0;  // differs for every processed frame, never 0
