@@ -28,6 +28,8 @@ class Blur {
     // Masked single-channel blur in place: only pixels whose weight in `mask` is below 208 enter
     // an average, and only they are replaced. Before the call, `mask` must point at the
     // width x height weights and `transposedMask` must hold their transpose (setMask does both).
+    // The portable kernels weigh the column passes with transposedMask; the vector kernels, which
+    // run the column passes without transposing, read the same weights from `mask`.
     uint8_t* blurMasked(uint8_t* plane, int width, int height);
 
     // Four-channel blur of width x height four-byte pixels (stride width * 4), in place: three
