@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "media/background_image.h"
+#include "media/picture_decoder.h"
 #include "media/video_decoder.h"
 #include "media_fixtures.h"
 #include "support/log_capture.h"
@@ -108,6 +109,49 @@ TEST_F(VideoMediaTest, ShortClipsLoopFrameForFrameInEveryContainer) {
             fromFile = hashes;
         }
     }
+}
+
+TEST_F(VideoMediaTest, ConversionFollowsEachFramesColourMatrixAndRange) {
+    // One colour, R 200 G 60 B 100, stored losslessly with each matrix and range. Read with the
+    // wrong matrix, red would be off by about 12; with the wrong range, every channel by 10 or
+    // more.
+    const std::string colour = "-f lavfi -i color=c=0xC83C64:s=64x48:r=10:d=0.3 ";
+    const struct {
+        const char* name;
+        const char* matrix;
+        const char* range;
+        const char* tag;
+    } encodings[] = {
+        {"bt601.mp4", "bt601", "tv", "-colorspace smpte170m -color_range tv"},
+        {"bt709.mp4", "bt709", "tv", "-colorspace bt709 -color_range tv"},
+        {"bt709_full.mp4", "bt709", "pc", "-colorspace bt709 -color_range pc"},
+    };
+    auto expectColour = [](const uint8_t* argb) {
+        EXPECT_NEAR(argb[2], 200, 3);
+        EXPECT_NEAR(argb[1], 60, 3);
+        EXPECT_NEAR(argb[0], 100, 3);
+    };
+    for (const auto& e : encodings) {
+        SCOPED_TRACE(e.name);
+        ASSERT_TRUE(zyn_test::RunFfmpeg(colour + "-vf \"format=rgb24,scale=out_color_matrix=" +
+                                        e.matrix + ":out_range=" + e.range + ",format=yuv420p\" " +
+                                        e.tag + " -c:v libx264 -qp 0 " + Path(e.name)));
+        VBG::Media::VideoDecoder decoder;
+        ASSERT_EQ(decoder.open(VBG::Media::MediaSource::File(Path(e.name))), 0);
+        VBG::Media::FramePtr frame(av_frame_alloc());
+        ASSERT_EQ(decoder.nextFrame(frame.get()), 0);
+        std::vector<uint8_t> argb(64 * 48 * 4);
+        VBG::Media::ArgbConverter converter;
+        ASSERT_EQ(converter.convert(frame.get(), argb.data(), 64 * 4), 0);
+        expectColour(&argb[(24 * 64 + 32) * 4]);
+    }
+    // JPEG: full-range BT.601.
+    ASSERT_TRUE(zyn_test::RunFfmpeg(colour + "-frames:v 1 -q:v 1 " + Path("colour.jpg")));
+    VBG::Media::DecodedPicture picture;
+    ASSERT_EQ(VBG::Media::DecodePicture(VBG::Media::MediaSource::File(Path("colour.jpg")), false,
+                                        picture),
+              0);
+    expectColour(&picture.frames[0].argb[(24 * 64 + 32) * 4]);
 }
 
 TEST_F(VideoMediaTest, TruncatedClipLoopsOverTheFramesItHolds) {
