@@ -196,6 +196,29 @@ TEST_F(EnginePipeline, MixedInputAndOutputFormatsGiveTheSamePicture) {
     EXPECT_EQ(outI420.packedI420(), outNv12.packedI420());
 }
 
+TEST_F(EnginePipeline, ProcessingInPlaceGivesTheSamePicture) {
+    // The host may hand the same buffers as input and output.
+    for (const uint32_t format : {ZYN_FORMAT_NV12, ZYN_FORMAT_I420}) {
+        for (const std::string& config : {BlurAndTouchUpConfig("0.1"), TouchUpConfig("0.1")}) {
+            SCOPED_TRACE(config + (format == ZYN_FORMAT_NV12 ? " NV12" : " I420"));
+            Instance separate(config), inPlace(config);
+            auto in = AstronautFrame(640, 360, format);
+            Frame out(640, 360, format);
+            ProcessFrames(separate, *in, out, kSettle);
+            for (int i = 0; i < kSettle; ++i) {
+                auto frame = AstronautFrame(640, 360, format);
+                ASSERT_EQ(0u, inPlace.process(*frame, *frame));
+                if (i + 1 == kSettle) {
+                    const auto a = out.packedI420(), b = frame->packedI420();
+                    size_t first = 0;
+                    while (first < a.size() && a[first] == b[first]) ++first;
+                    EXPECT_EQ(a.size(), first) << "first difference at byte " << first;
+                }
+            }
+        }
+    }
+}
+
 TEST_F(EnginePipeline, UnknownFrameFormatsFailTheFrame) {
     Instance instance(BlurConfig());
     auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);

@@ -80,6 +80,14 @@ bool checkFrameRecord(const char* fn, const char* role, const ZynNativeInputFram
     return true;
 }
 
+bool lumaPlanesOverlap(const ZynNativeInputFrame* a, const ZynNativeInputFrame* b) {
+    const uint8_t* a0 = a->plane0;
+    const uint8_t* a1 = a0 + static_cast<size_t>(a->stride0) * (a->height - 1) + a->width;
+    const uint8_t* b0 = b->plane0;
+    const uint8_t* b1 = b0 + static_cast<size_t>(b->stride0) * (b->height - 1) + b->width;
+    return a0 < b1 && b0 < a1;
+}
+
 bool writeI420ToFrame(const I420Planes& src, uint32_t width, uint32_t height,
                       ZynNativeInputFrame* output, const char* fn) {
     switch (output->format) {
@@ -132,6 +140,9 @@ bool VirtualBackgroundImplYuv::processVideoFrameInternal(const ZynNativeInputFra
     if (!updateFrameSizeAndSettings(input->width, input->height)) {
         return false;
     }
+    // Touch-up reads a neighbourhood of each pixel, so it cannot write the luma plane it reads:
+    // an output that shares the input's luma memory gets a copy to read from.
+    copyCameraLuma_ = touchUpEnabled() && lumaPlanesOverlap(input, output);
     if (settings.bt != BtNone) {
         if (!updateARGBBuffer(input, true)) {
             ZLOG_ERROR(kFrameFn, "updateARGBBuffer failed");
@@ -212,12 +223,29 @@ bool VirtualBackgroundImplYuv::updateARGBBuffer(const ZynNativeInputFrame* input
     switch (input->format) {
         case ZYN_FORMAT_I420:
             camera_ = planesOf(input);
+            if (copyCameraLuma_) {
+                const I420Planes copy =
+                    I420InBuffer(inputYuvBuffer.ensure(I420BufferSize(w, h)), w, h);
+                libyuv::I420Copy(camera_.y, camera_.strideY, camera_.u, camera_.strideU, camera_.v,
+                                 camera_.strideV, copy.y, copy.strideY, copy.u, copy.strideU,
+                                 copy.v, copy.strideV, asInt(w), asInt(h));
+                camera_ = copy;
+            }
             break;
         case ZYN_FORMAT_NV12: {
             camera_ = I420InBuffer(inputYuvBuffer.ensure(I420BufferSize(w, h)), w, h);
-            libyuv::NV12ToI420(input->plane0, asInt(input->stride0), input->plane1,
-                               asInt(input->stride1), camera_.y, camera_.strideY, camera_.u,
-                               camera_.strideU, camera_.v, camera_.strideV, asInt(w), asInt(h));
+            if (copyCameraLuma_) {
+                libyuv::CopyPlane(input->plane0, asInt(input->stride0), camera_.y, camera_.strideY,
+                                  asInt(w), asInt(h));
+            } else {
+                // The luma plane is already planar: it is read where it is, only the interleaved
+                // chroma is split.
+                camera_.y = input->plane0;
+                camera_.strideY = asInt(input->stride0);
+            }
+            libyuv::SplitUVPlane(input->plane1, asInt(input->stride1), camera_.u, camera_.strideU,
+                                 camera_.v, camera_.strideV, ChromaSize(asInt(w)),
+                                 ChromaSize(asInt(h)));
             break;
         }
         default:
@@ -277,8 +305,13 @@ I420Planes VirtualBackgroundImplYuv::destinationPlanes(const ZynNativeInputFrame
     if (output->format == ZYN_FORMAT_I420) {
         return planesOf(output);
     }
-    return I420InBuffer(outputYuvBuffer.ensure(I420BufferSize(frameWidth, frameHeight)), frameWidth,
-                        frameHeight);
+    // NV12 out: luma goes straight into the output plane, chroma into outputYuvBuffer until it
+    // is interleaved into the output by updateOutputFrame.
+    I420Planes planes = I420InBuffer(
+        outputYuvBuffer.ensure(I420BufferSize(frameWidth, frameHeight)), frameWidth, frameHeight);
+    planes.y = output->plane0;
+    planes.strideY = asInt(output->stride0);
+    return planes;
 }
 
 bool VirtualBackgroundImplYuv::composeFrame(const ZynNativeInputFrame* output) {
@@ -358,10 +391,10 @@ bool VirtualBackgroundImplYuv::updateOutputFrame(ZynNativeInputFrame* output) {
         case ZYN_FORMAT_NV12: {
             const I420Planes composed =
                 I420InBuffer(outputYuvBuffer.get(), frameWidth, frameHeight);
-            return libyuv::I420ToNV12(
-                       composed.y, composed.strideY, composed.u, composed.strideU, composed.v,
-                       composed.strideV, output->plane0, asInt(output->stride0), output->plane1,
-                       asInt(output->stride1), asInt(frameWidth), asInt(frameHeight)) == 0;
+            libyuv::MergeUVPlane(composed.u, composed.strideU, composed.v, composed.strideV,
+                                 output->plane1, asInt(output->stride1),
+                                 ChromaSize(asInt(frameWidth)), ChromaSize(asInt(frameHeight)));
+            return true;
         }
         case ZYN_FORMAT_I420:
             return true;
@@ -608,6 +641,7 @@ bool VirtualBackgroundImplYuv::overlayCameraFrameOnPresentation(const ZynNativeI
         return true;  // an empty presenter, or one placed wholly outside the frame: nothing to draw
     }
     // Segment the camera frame; pending effect settings and a new camera size apply here too.
+    copyCameraLuma_ = false;  // the camera frame is only read here
     if (!updateFrameSizeAndSettings(camera->width, camera->height) ||
         !updateARGBBuffer(camera, true) || !runMLModel(presentationStats)) {
         return false;

@@ -97,8 +97,10 @@ class VirtualBackgroundImplYuv : public VirtualBackgroundImpl {
     ByteBuffer presenterAlphaBuffer;
     ByteBuffer presenterChromaAlphaBuffer;
 
-    // The camera planes of the current frame (input or inputYuvBuffer).
+    // The camera planes of the current frame: the input's own, or copies in inputYuvBuffer (the
+    // chroma of NV12 input, and the planes an overlapping output would overwrite).
     I420Planes camera_;
+    bool copyCameraLuma_ = false;
 };
 
 }  // namespace VBG
