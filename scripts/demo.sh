@@ -33,8 +33,8 @@ ff -loop 1 -framerate 30 -t 3.5 -i "$SAMPLES/astronaut.png" \
     -c:v libx264 -preset veryfast -crf 16 "$MEDIA/camera.mp4"
 
 # A picture background: an evening sky over the sea.
-ff -f lavfi -i "gradients=s=1280x720:c0=0xf4a261:c1=0x6a4c93:x0=640:y0=720:x1=640:y1=0:nb_colors=2:speed=0.00001" \
-    -vf "drawbox=x=0:y=470:w=1280:h=250:color=0x1d3557:t=fill,drawbox=x=0:y=466:w=1280:h=4:color=0xffd166:t=fill,drawbox=x=930:y=330:w=120:h=120:color=0xffd166@0.9:t=fill" \
+ff -f lavfi -i "color=c=black:s=1280x720,format=rgb24" \
+    -vf "geq=r='106+138*Y/470':g='76+86*Y/470':b='147-50*Y/470',drawbox=x=0:y=470:w=1280:h=250:color=0x1d3557:t=fill,drawbox=x=0:y=466:w=1280:h=4:color=0xffd166:t=fill,drawbox=x=930:y=330:w=120:h=120:color=0xffd166@0.9:t=fill" \
     -frames:v 1 "$MEDIA/background.png"
 
 # The shared screen: a slide with a title bar and a bar chart.
@@ -43,8 +43,8 @@ ff -f lavfi -i "color=c=white:s=1280x720" \
     -frames:v 1 "$MEDIA/slides.png"
 
 # The conference room behind presenter and screen: a wall, a wood panel and a floor.
-ff -f lavfi -i "gradients=s=1280x720:c0=0xdfe7ec:c1=0x9fb3c0:x0=0:y0=0:x1=0:y1=560:nb_colors=2:speed=0.00001" \
-    -vf "drawbox=x=0:y=560:w=1280:h=160:color=0x5b4636:t=fill,drawbox=x=0:y=552:w=1280:h=8:color=0x3d2f24:t=fill" \
+ff -f lavfi -i "color=c=black:s=1280x720,format=rgb24" \
+    -vf "geq=r='223-64*Y/560':g='231-52*Y/560':b='236-44*Y/560',drawbox=x=0:y=560:w=1280:h=160:color=0x5b4636:t=fill,drawbox=x=0:y=552:w=1280:h=8:color=0x3d2f24:t=fill" \
     -frames:v 1 "$MEDIA/room.png"
 
 WORK="$OUT/work"

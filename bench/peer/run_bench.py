@@ -80,8 +80,8 @@ def make_clips(folder, frames):
     )
     background = os.path.join(folder, "background.png")
     ffmpeg(
-        "-f", "lavfi", "-i",
-        "gradients=s=1920x1080:c0=0xf4a261:c1=0x6a4c93:x0=960:y0=1080:x1=960:y1=0:nb_colors=2:speed=0.00001",
+        "-f", "lavfi", "-i", "color=c=black:s=1920x1080,format=rgb24",
+        "-vf", "geq=r='106+138*Y/H':g='76+86*Y/H':b='147-50*Y/H'",
         "-frames:v", "1", background,
     )
     return clips, still, background
