@@ -4,7 +4,8 @@
 //   plain blur of the 256x144 model mask (strength 0.7) and of a 1280x720 plane,
 //   ARGB blur of a 1280x720 frame (strength 5.0),
 //   touch-up of a 1280x720 frame whose chroma is skin everywhere.
-// The argument of each run is the kernel level: 0 portable, 1 the best level available.
+// The argument of each run is the kernel level: 0 portable, 1 the best level available, 2 SSE2
+// (blurs only, for processors without AVX2).
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -19,7 +20,14 @@
 namespace {
 
 VBG::KernelLevel LevelOf(const benchmark::State& state) {
-    return state.range(0) == 0 ? VBG::KernelLevel::Portable : VBG::BestKernelLevel();
+    switch (state.range(0)) {
+        case 0:
+            return VBG::KernelLevel::Portable;
+        case 2:
+            return VBG::SupportedKernelLevel(VBG::KernelLevel::Sse2);
+        default:
+            return VBG::BestKernelLevel();
+    }
 }
 
 // A camera-like plane: smooth shading plus sensor noise.
@@ -127,11 +135,11 @@ void BM_TouchUpAllSkin1280x720(benchmark::State& state) {
     state.SetLabel(VBG::KernelLevelName(touchUp.kernelLevel()));
 }
 
-BENCHMARK(BM_MaskedBlurLuma256x144)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_MaskedBlurChroma128x72)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_PlainBlurMask256x144)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_PlainBlur1280x720)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_ArgbBlur1280x720)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_MaskedBlurLuma256x144)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_MaskedBlurChroma128x72)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_PlainBlurMask256x144)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_PlainBlur1280x720)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ArgbBlur1280x720)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_TouchUpAllSkin1280x720)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
