@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -80,7 +81,17 @@ std::string Describe(const RunResult& r) {
 // One zynvbg run with its own work folder (library configuration, log and cache).
 class ToolRun {
   public:
-    ToolRun() : work_("zynvbg-test") {}
+    // The work folder starts with a stored processing-type selection, as on a machine where the
+    // evaluator program has already run: otherwise every run would start the evaluator in the
+    // background at initialisation, which these tests are not about and which would still be
+    // running when the tool exits.
+    ToolRun() : work_("zynvbg-test") {
+        fs::create_directories(work_ / "work" / "cache");
+        zyn_test::WriteFile(work_ / "work" / "cache" / "PT_CONFIG.json",
+                            R"({"selected_processing_type": "OnnxRuntimeCpu", )"
+                            R"("selected_processing_time": ")" +
+                                std::to_string(time(nullptr)) + "\"}");
+    }
     RunResult operator()(std::vector<std::string> args) {
         args.insert(args.begin(), kTool);
         if (std::find(args.begin(), args.end(), "--work-dir") == args.end()) {
