@@ -321,8 +321,8 @@ Effects (choose one way)
                           JSON (repeatable), e.g. --switch-at '60:{"effects":[{"name":"blur"}]}'
 
 Output
-  -o, --output PATH       a video (.mp4 .mkv .mov: H.264, or MPEG-4 part 2 without libx264;
-                          .webm: VP9; .avi: MPEG-4 part 2; .y4m and .yuv: uncompressed), numbered
+  -o, --output PATH       a video (.mp4 .mkv .mov: H.264, or MPEG-4 Visual without libx264;
+                          .webm: VP9; .avi: MPEG-4 Visual; .y4m and .yuv: uncompressed), numbered
                           PNG pictures from a pattern (out/frame_%05d.png, numbered from 0), one
                           .png for a single frame, or null to discard the frames (for timing)
   --timings FILE          write each frame's time inside the library as CSV (frame,microseconds)
