@@ -25,7 +25,7 @@ echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 configure build-asan -DZYN_SANITIZE=address
 cmake --build build-asan -j"$JOBS"
 echo "== tests under AddressSanitizer + UndefinedBehaviorSanitizer"
-ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:suppressions=$ROOT/tests/sanitizer/lsan.supp" \
+ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" \
 LSAN_OPTIONS="suppressions=$ROOT/tests/sanitizer/lsan.supp" \
 UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
     ctest --test-dir build-asan -j"$JOBS" --output-on-failure -LE slow
