@@ -211,7 +211,8 @@ TEST_F(EnginePipeline, ProcessingInPlaceGivesTheSamePicture) {
                 if (i + 1 == kSettle) {
                     const auto a = out.packedI420(), b = frame->packedI420();
                     size_t first = 0;
-                    while (first < a.size() && a[first] == b[first]) ++first;
+                    while (first < a.size() && a[first] == b[first])
+                        ++first;
                     EXPECT_EQ(a.size(), first) << "first difference at byte " << first;
                 }
             }
@@ -280,6 +281,10 @@ TEST_F(EnginePipeline, NoBackgroundWithoutTouchUpFailsEveryFrame) {
     // Only the native configuration record can ask for no effect at all.
     ZynNativeConfig config = VBG::DefaultZynNativeConfig();
     config.processingMode = 2;
+    VBG::Text::CopyToField(config.modelFilePath, ZYN_PATH_CHARS,
+                           (zyn_test::RealModelsDir() / "model.winml").string(), 1000);
+    VBG::Text::CopyToField(config.fileCachePath, ZYN_PATH_CHARS, Library::Get().cache().string(),
+                           1000);
     ZynNativeHandle handle = nullptr;
     ASSERT_EQ(0u, ZynNativeVbgCreateInstance(&config, &handle));
     auto in = AstronautFrame(640, 360, ZYN_FORMAT_NV12);

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "selection/processing_type_evaluator.h"
 #include "support/test_paths.h"
 #include "zyn_native_vbg.h"
 
@@ -56,10 +57,24 @@ class Library {
         if (!ZynNativeVideoProcessingInit(config.c_str())) {
             throw std::runtime_error("library initialisation failed");
         }
+        // Initialisation starts the processing-type evaluation on a thread of its own. No
+        // evaluator program sits beside the test programs, so it ends at once; waiting for it keeps
+        // it from still logging while a short test program exits.
+        VBG::ProcessingTypeEvaluator::WaitForEvaluationToComplete();
     }
     zyn_test::TempDir dir_;
     fs::path cache_;
 };
+
+// Initialises the library before the first test of a program, so that every test, run alone or
+// with the others, starts with the library's logger in place (a log capture made later sees
+// every record).
+class LibraryEnvironment : public testing::Environment {
+  public:
+    void SetUp() override { Library::Get(); }
+};
+inline testing::Environment* const kLibraryEnvironment =
+    testing::AddGlobalTestEnvironment(new LibraryEnvironment);
 
 // A frame in host memory: NV12 or I420, with row padding so that strides matter.
 class Frame {
