@@ -215,8 +215,8 @@ class EngineAllocation : public testing::Test {
         RecordProperty(name + "_onnxruntime_per_frame",
                        std::to_string(counts.onnxRuntime / kMeasured));
         std::printf(
-            "%-22s allocations per warm frame: library %d, libyuv %.1f, ONNX Runtime %.1f\n",
-            name.c_str(), counts.library, counts.libyuv / double(kMeasured),
+            "%-22s allocations per warm frame: library %.1f, libyuv %.1f, ONNX Runtime %.1f\n",
+            name.c_str(), counts.library / double(kMeasured), counts.libyuv / double(kMeasured),
             counts.onnxRuntime / double(kMeasured));
     }
 };
