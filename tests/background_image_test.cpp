@@ -280,6 +280,8 @@ TEST_F(BackgroundPictureTest, UnusablePicturesGiveARecordAndNoBackground) {
 }
 
 TEST_F(BackgroundPictureTest, OversizedPicturesAreRefusedBeforeDecoding) {
+    // Each test may run in a process of its own: the declared size is made here too.
+    zyn_test::WriteFile(Path("wide20000.png"), PngDeclaring(Bytes("tiny.png"), 20000, 16));
     zyn_test::LogCapture log;
     VBG::Media::DecodedPicture picture;
     const auto source = VBG::Media::MediaSource::File(Path("wide20000.png"));

@@ -105,6 +105,7 @@ TEST(EngineFactory, GpuTypesAreNotSupportedHereAndGpuModeFallsBackToTheCpu) {
 }
 
 TEST(EngineFactory, AModelThatCannotBeLoadedFailsTheCreation) {
+    Library::Get();  // before any capture: initialisation installs the library's own logger
     ZynNativeVideoProcessingShutdownInstance();  // no backend yet: the next one is loaded anew
     LogCapture log;
     VBGSettings s = SettingsFor(0, 1);
@@ -123,6 +124,7 @@ TEST(EngineFactory, AModelThatCannotBeLoadedFailsTheCreation) {
 }
 
 TEST(EngineCore, EachEngineLogsItsConstructionAndDestructionOnce) {
+    Library::Get();
     LogCapture log;
     const VBGSettings s = SettingsFor(0, 1);
     void* engine = ZynNativeInternalCreate(&s);

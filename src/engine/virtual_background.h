@@ -9,7 +9,7 @@
 namespace VBG {
 
 class VirtualBackground {
-public:
+  public:
     virtual ~VirtualBackground() = default;
 
     // 0 on success, 1 when the requested processing is not supported on this hardware, any other
@@ -17,7 +17,8 @@ public:
     virtual int init(const VBGSettings& settings, uint32_t width, uint32_t height) = 0;
     virtual bool updateWeatherman(const ZynNativeWeathermanSettings& settings) = 0;
     virtual bool update(const VBGSettings& settings) = 0;
-    virtual bool processVideoFrame(const ZynNativeInputFrame* input, ZynNativeInputFrame* output) = 0;
+    virtual bool processVideoFrame(const ZynNativeInputFrame* input,
+                                   ZynNativeInputFrame* output) = 0;
     // frames: [0] camera, [1] presentation (see the public header).
     virtual bool processPresentationFrame(const ZynNativeInputFrame* frames,
                                           ZynNativeInputFrame* output) = 0;
