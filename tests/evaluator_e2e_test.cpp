@@ -221,12 +221,18 @@ TEST(EvaluatorProgram, RefusesWrongArgumentsAndNamesOfNoType) {
 
 TEST(EvaluatorProgram, WorkingCpuTypeIsStoredWithTheCurrentTime) {
     zyn_test::TempDir scratch("zyn-eval");
-    const fs::path cache = scratch.path() / "new cache";  // made by the program
+    const fs::path cache = scratch.path() / "new cache";
+    const std::string model = (zyn_test::RealModelsDir() / "model.winml").string();
+    // The cache folder is the host's: a missing one is not made, and the verdict is not stored.
+    const ChildResult missing =
+        RunEvaluator({"OnnxRuntimeCpu", model, scratch.str(), cache.string()}, scratch);
+    EXPECT_EQ(missing.code, 6) << missing.output;
+    EXPECT_FALSE(fs::exists(cache));
+
+    fs::create_directories(cache);
     const long long before = NowSeconds();
     const ChildResult result =
-        RunEvaluator({"OnnxRuntimeCpu", (zyn_test::RealModelsDir() / "model.winml").string(),
-                      scratch.str(), cache.string()},
-                     scratch);
+        RunEvaluator({"OnnxRuntimeCpu", model, scratch.str(), cache.string()}, scratch);
     ASSERT_EQ(result.code, 0) << result.output;
 
     Selection selection;

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <exception>
 #include <mutex>
 #include <thread>
@@ -42,6 +43,13 @@ struct EvaluationState {
 
     std::mutex limitsMutex;
     EvaluatorLimits limits;
+
+    // Process exit: the detached thread must be out of the library's code before the process
+    // destroys what it uses (the logger above all). The exit hook raises processExiting and waits
+    // for threadActive to fall; the thread checks the flag between its steps and leaves at once,
+    // logging nothing more. An evaluator still running then is left running.
+    std::atomic<bool> processExiting{false};
+    std::atomic<bool> threadActive{false};
 };
 
 EvaluationState& state() {
@@ -52,6 +60,28 @@ EvaluationState& state() {
 EvaluatorLimits currentLimits() {
     std::lock_guard<std::mutex> lock(state().limitsMutex);
     return state().limits;
+}
+
+// How long process exit waits for the evaluation thread to leave the library's code.
+constexpr std::chrono::milliseconds kExitWait{1000};
+
+bool exiting() {
+    return state().processExiting.load();
+}
+
+void onProcessExit() {
+    state().processExiting.store(true);
+    const auto deadline = std::chrono::steady_clock::now() + kExitWait;
+    while (state().threadActive.load() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// Registered once, after the logger and the stored configuration exist, so that it runs before
+// their destruction at exit.
+void registerExitHook() {
+    static std::once_flag once;
+    std::call_once(once, [] { std::atexit(onProcessExit); });
 }
 
 void finishEvaluation() {
@@ -182,6 +212,9 @@ int32_t getProcessExitCode(pid_t pid, std::chrono::milliseconds limit) {
             ZLOG_ERROR(fn, "GetExitCodeProcess failed: error code: {}", errno);
             return ProcessingTypeEvaluator::kLaunchFailed;
         }
+        if (exiting()) {
+            return ProcessingTypeEvaluator::kStillRunning;  // left running, as at the deadline
+        }
         if (std::chrono::steady_clock::now() >= deadline) {
             ZLOG_ERROR(fn,
                        "VBG eval process is still running, possible race condition or deadlock");
@@ -224,9 +257,19 @@ void ProcessingTypeEvaluator::StartEvaluation() {
                   "Processing type evaluation is already running");
         return;
     }
+    // The selection reader is made here, before the exit hook, so that it outlives the hook.
+    (void)ProcessingTypeInitializer::GetInstance(ConfigParser::FileCachePath());
+    registerExitHook();
+    state().threadActive.store(true);
     try {
-        std::thread(&ProcessingTypeEvaluator::EvaluateInternal).detach();
+        std::thread([] {
+            if (!exiting()) {
+                EvaluateInternal();
+            }
+            state().threadActive.store(false);
+        }).detach();
     } catch (...) {
+        state().threadActive.store(false);
         finishEvaluation();
         throw;
     }
@@ -245,7 +288,13 @@ void ProcessingTypeEvaluator::EvaluateInternal() {
         state().evaluationRunning.exchange(true);
         int32_t code = kLaunchFailed;
         for (const ProcessingType type : AutomaticSelectionOrder()) {
+            if (exiting()) {
+                break;
+            }
             code = LaunchEvaluator(type);
+            if (exiting()) {
+                break;  // the process is ending: nothing more is logged
+            }
             if (code == 0) {
                 finishEvaluation();
                 return;
@@ -253,7 +302,9 @@ void ProcessingTypeEvaluator::EvaluateInternal() {
             ZLOG_ERROR(fn, "VBG eval failed, process return code: {} for processing type: {}", code,
                        ProcessingTypeName(type));
         }
-        ZLOG_ERROR(fn, "VBG eval failed, process return code: {}", code);
+        if (!exiting()) {
+            ZLOG_ERROR(fn, "VBG eval failed, process return code: {}", code);
+        }
     } catch (const std::exception& e) {
         // Nothing may leave the thread: an escaping exception would end the host.
         try {

@@ -175,9 +175,10 @@ bool runFrames(Library& library, void* engine) {
 // Writes the selection next to its final name and renames it into place, so that a reader never
 // sees a half-written file.
 bool writeSelection(const std::string& cacheFolder, const std::string& typeName) {
+    // The cache folder belongs to the host: a missing one is not made again here (the host may
+    // have removed it while the evaluation ran).
     std::error_code ec;
     const std::filesystem::path folder = std::filesystem::u8path(cacheFolder);
-    std::filesystem::create_directories(folder, ec);
     const std::filesystem::path target = folder / "PT_CONFIG.json";
     const std::filesystem::path temporary =
         folder / ("PT_CONFIG.json." + std::to_string(getpid()) + ".tmp");
