@@ -421,6 +421,33 @@ TEST_F(EnginePipeline, BackgroundChangeRebuildsTheBackgroundAndTheBuffers) {
     EXPECT_LT(Detail(out, ShuttleBox(640, 360)), 0.5 * Detail(*in, ShuttleBox(640, 360)));
 }
 
+TEST_F(EnginePipeline, AnUpdateWithPresenterAndEffectsAppliesOnlyThePresenterSettings) {
+    Instance instance(BlurConfig());
+    auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);
+    Frame out(640, 360, ZYN_FORMAT_I420);
+    Frame composed(640, 360, ZYN_FORMAT_I420);
+    ZynNativeInputFrame frames[2] = {in->record(), in->record()};
+    ZynNativeInputFrame composedRecord = composed.record();
+    // No presenter mode yet: presentation frames are refused.
+    EXPECT_EQ(2u, ZynNativeVideoProcessingProcessPresentationFrame(instance.handle(), frames,
+                                                                   &composedRecord));
+
+    // A picture background and an overlay presenter in one text: only the presenter applies.
+    ASSERT_EQ(0u, instance.update(
+                      R"({"effects": [{"name": "background", "backgroundFile": "green.png"},
+                          {"name": "weatherman", "mode": "overlay", "weathermanAlpha": "1.0",
+                           "weathermanSize": "0.5", "weathermanOffsetX": "0",
+                           "weathermanOffsetY": "0"}]})"));
+    ASSERT_NE(nullptr, *instance.handle());
+    composedRecord = composed.record();
+    EXPECT_EQ(0u, ZynNativeVideoProcessingProcessPresentationFrame(instance.handle(), frames,
+                                                                   &composedRecord));
+    ProcessFrames(instance, *in, out, kSettle);
+    // Still blurred, never green.
+    EXPECT_GT(DistanceFrom(out, Green(640, 360), LeftWallBox(640, 360)), 20.0);
+    EXPECT_LT(Detail(out, ShuttleBox(640, 360)), 0.5 * Detail(*in, ShuttleBox(640, 360)));
+}
+
 TEST_F(EnginePipeline, FrameSizeChangesMidStream) {
     Instance instance(BackgroundConfig("green.png"));
     LogCapture log;
