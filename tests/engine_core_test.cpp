@@ -34,20 +34,6 @@ VBGSettings SettingsFor(uint32_t pt, uint32_t bt, const std::string& picture = "
     return s;
 }
 
-// Y, U, V of a flat ARGB colour as libyuv converts it.
-std::array<uint8_t, 3> YuvOfArgb(uint8_t b, uint8_t g, uint8_t r) {
-    uint8_t argb[16];
-    for (int i = 0; i < 4; ++i) {
-        argb[i * 4] = b;
-        argb[i * 4 + 1] = g;
-        argb[i * 4 + 2] = r;
-        argb[i * 4 + 3] = 255;
-    }
-    uint8_t y[4], u[1], v[1];
-    libyuv::ARGBToI420(argb, 8, y, 2, u, 1, v, 1, 2, 2);
-    return {y[0], u[0], v[0]};
-}
-
 double Detail(const Frame& f, const Box& box) {
     double sum = 0;
     size_t n = 0;
@@ -162,9 +148,9 @@ TEST(EngineCore, ArgbPathCutsThePersonOutHardOverThePicture) {
     }
     // Through ARGB and back: camera pixels come out within conversion rounding.
     EXPECT_LT(MeanDifference(*in, out, FaceBox(640, 360)), 3.0);
-    const auto blue = YuvOfArgb(255, 0, 0);
-    EXPECT_LT(MeanDistanceFrom(out, blue[0], blue[1], blue[2], LeftWallBox(640, 360)), 4.0);
-    EXPECT_LT(MeanDistanceFrom(out, blue[0], blue[1], blue[2], UpperWallBox(640, 360)), 4.0);
+    const Yuv blue = YuvOf(255, 0, 0);
+    EXPECT_LT(MeanDistanceFrom(out, blue.y, blue.u, blue.v, LeftWallBox(640, 360)), 4.0);
+    EXPECT_LT(MeanDistanceFrom(out, blue.y, blue.u, blue.v, UpperWallBox(640, 360)), 4.0);
 }
 
 TEST(EngineCore, ArgbPathShowsGreyWithoutAPicture) {
@@ -177,8 +163,8 @@ TEST(EngineCore, ArgbPathShowsGreyWithoutAPicture) {
         ASSERT_TRUE(Process(engine, *in, out));
     }
     EXPECT_EQ(1u, log.count("tempBackgroundArgbBuffer is invalid, some invalid scenario"));
-    const auto grey = YuvOfArgb(208, 208, 208);
-    EXPECT_LT(MeanDistanceFrom(out, grey[0], grey[1], grey[2], LeftWallBox(640, 360)), 2.0);
+    const Yuv grey = YuvOf(208, 208, 208);
+    EXPECT_LT(MeanDistanceFrom(out, grey.y, grey.u, grey.v, LeftWallBox(640, 360)), 2.0);
 }
 
 TEST(EngineCore, ArgbPathRefusesFramesItCannotConvert) {

@@ -21,24 +21,6 @@ using zyn_test::LogCapture;
 
 namespace {
 
-struct Yuv {
-    uint8_t y, u, v;
-};
-
-// The I420 value the engine's picture conversion gives a flat colour (B, G, R bytes).
-Yuv YuvOf(uint8_t b, uint8_t g, uint8_t r) {
-    uint8_t argb[16];
-    for (int i = 0; i < 4; ++i) {
-        argb[i * 4] = b;
-        argb[i * 4 + 1] = g;
-        argb[i * 4 + 2] = r;
-        argb[i * 4 + 3] = 255;
-    }
-    uint8_t y[4], u[1], v[1];
-    libyuv::ARGBToI420(argb, 8, y, 2, u, 1, v, 1, 2, 2);
-    return Yuv{y[0], u[0], v[0]};
-}
-
 // The I420 value of a flat background picture as the engine blends it at a frame size: what the
 // background source delivers at that size, converted like every picture background.
 Yuv BackgroundYuv(const std::string& name, uint32_t width, uint32_t height) {

@@ -76,6 +76,25 @@ class LibraryEnvironment : public testing::Environment {
 inline testing::Environment* const kLibraryEnvironment =
     testing::AddGlobalTestEnvironment(new LibraryEnvironment);
 
+// A flat colour in I420.
+struct Yuv {
+    uint8_t y, u, v;
+};
+
+// The I420 value the engine's picture conversion gives a flat colour (B, G, R bytes).
+inline Yuv YuvOf(uint8_t b, uint8_t g, uint8_t r) {
+    uint8_t argb[16];
+    for (int i = 0; i < 4; ++i) {
+        argb[i * 4] = b;
+        argb[i * 4 + 1] = g;
+        argb[i * 4 + 2] = r;
+        argb[i * 4 + 3] = 255;
+    }
+    uint8_t y[4], u[1], v[1];
+    libyuv::ARGBToI420(argb, 8, y, 2, u, 1, v, 1, 2, 2);
+    return Yuv{y[0], u[0], v[0]};
+}
+
 // A frame in host memory: NV12 or I420, with row padding so that strides matter.
 class Frame {
   public:
