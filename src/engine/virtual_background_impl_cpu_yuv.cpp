@@ -351,10 +351,14 @@ bool VirtualBackgroundImplYuv::composeFrame(const ZynNativeInputFrame* output) {
         chromaBlur->setMask(halfMaskBuffer.get());
         chromaBlur->blurMasked(model.u, hw, hh);
         chromaBlur->blurMasked(model.v, hw, hh);
+        // A frame smaller than the model is reached bilinearly: libyuv's box average loses
+        // precision over boxes of thousands of pixels (a 1 x 1 frame came out at about half its
+        // brightness).
+        const libyuv::FilterMode toFrame =
+            W < mw || H < mh ? libyuv::kFilterBilinear : libyuv::kFilterBox;
         libyuv::I420Scale(model.y, model.strideY, model.u, model.strideU, model.v, model.strideV,
                           mw, mh, background.y, background.strideY, background.u,
-                          background.strideU, background.v, background.strideV, W, H,
-                          libyuv::kFilterBox);
+                          background.strideU, background.v, background.strideV, W, H, toFrame);
     }
 
     const I420Planes dst = destinationPlanes(output);
