@@ -2,7 +2,8 @@
 // NV12 and I420. Every size from 1 x 1 up to 16384 on each side is processed, odd sizes and sizes
 // smaller than the model's included; a record that does not describe a usable frame (a zero side,
 // a side above 16384, a missing plane, a stride shorter than its row) is refused with status 2
-// and an error record that names the size, and the output is left as it was. Every plane here is
+// and an error record that names the size, and the output is left as it was; so is an output of
+// an unknown format. Every plane here is
 // allocated exactly as long as the record says, touching an inaccessible page at its end or at
 // its start, so that one byte read or written outside a plane faults.
 #include <gtest/gtest.h>
@@ -308,6 +309,28 @@ TEST_P(FrameSizes, RecordsThatDoNotDescribeAUsableFrameAreRefusedAndNameTheSize)
         // The instance goes on with the next usable frame.
         GuardedFrame goodOut(64, 36, format, true);
         EXPECT_EQ(0u, Process(instance, goodIn, goodOut));
+    }
+}
+
+TEST_P(FrameSizes, AnOutputOfAnUnknownFormatIsRefusedBeforeAnythingIsWrittenIntoIt) {
+    const uint32_t format = GetParam();
+    GuardedFrame in(64, 36, format, true);
+    in.fill(kGrey.y, kGrey.u, kGrey.v);
+    for (const std::string& config : {BlurConfig(), TouchUpConfig("0.3")}) {
+        SCOPED_TRACE(config);
+        Instance instance(config);
+        ASSERT_TRUE(instance.valid());
+        LogCapture log;
+        // Planes of a short stride: a luma row written at the frame's width would run into the
+        // guard page.
+        GuardedFrame out(64, 36, ZYN_FORMAT_I420, true, {63, 32, 32});
+        out.fillBytes(kUntouched);
+        ZynNativeInputFrame i = in.record();
+        ZynNativeInputFrame o = out.record();
+        o.format = 7;
+        EXPECT_EQ(2u, ZynNativeVideoProcessingProcessFrame(instance.handle(), &i, &o));
+        EXPECT_TRUE(log.has(spdlog::level::err, "Unknown output frame format: 7")) << log.dump();
+        EXPECT_TRUE(out.allBytesAre(kUntouched)) << "the output was written";
     }
 }
 

@@ -137,6 +137,12 @@ bool VirtualBackgroundImplYuv::processVideoFrameInternal(const ZynNativeInputFra
                    output->width, output->height, input->width, input->height);
         return false;
     }
+    // The planes of an output whose format is unknown are not described by its record: it is
+    // refused before anything is written into them.
+    if (output->format != ZYN_FORMAT_NV12 && output->format != ZYN_FORMAT_I420) {
+        ZLOG_ERROR(kFrameFn, "Unknown output frame format: {}", output->format);
+        return false;
+    }
     if (!updateFrameSizeAndSettings(input->width, input->height)) {
         return false;
     }
