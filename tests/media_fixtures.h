@@ -93,8 +93,16 @@ inline VBGSettings MemorySettings(uint32_t bt, uint32_t type, const std::string&
     return settings;
 }
 
-// Threads of this process right now.
+// Threads of this process right now. A first thread is started and joined once before the first
+// count: a sanitizer runtime starts a helper thread of its own at the first thread creation, and
+// it must not be counted as one of the library's.
 inline size_t ThreadCount() {
+    static const bool runtimeThreadsStarted = [] {
+        std::thread([] {}).join();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        return true;
+    }();
+    (void)runtimeThreadsStarted;
     size_t count = 0;
     for ([[maybe_unused]] const auto& entry :
          std::filesystem::directory_iterator("/proc/self/task")) {
