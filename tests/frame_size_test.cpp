@@ -334,6 +334,24 @@ TEST_P(FrameSizes, AnOutputOfAnUnknownFormatIsRefusedBeforeAnythingIsWrittenInto
     }
 }
 
+TEST_P(FrameSizes, AnInputOfAnUnknownFormatIsRefusedWhateverItsPlanes) {
+    const uint32_t format = GetParam();
+    Instance instance(BlurAndTouchUpConfig("0.3"));
+    ASSERT_TRUE(instance.valid());
+    LogCapture log;
+    GuardedFrame in(64, 36, ZYN_FORMAT_I420, true, {10, 10, 10});
+    in.fillBytes(kGrey.y);
+    GuardedFrame out(64, 36, format, true);
+    out.fillBytes(kUntouched);
+    ZynNativeInputFrame i = in.record();
+    ZynNativeInputFrame o = out.record();
+    i.format = 9;
+    i.plane0 = nullptr;
+    EXPECT_EQ(2u, ZynNativeVideoProcessingProcessFrame(instance.handle(), &i, &o));
+    EXPECT_TRUE(log.has(spdlog::level::err, "Unknown input frame format: 9")) << log.dump();
+    EXPECT_TRUE(out.allBytesAre(kUntouched)) << "the output was written";
+}
+
 INSTANTIATE_TEST_SUITE_P(Formats, FrameSizes, testing::Values(ZYN_FORMAT_NV12, ZYN_FORMAT_I420),
                          [](const testing::TestParamInfo<uint32_t>& info) {
                              return std::string(info.param == ZYN_FORMAT_NV12 ? "NV12" : "I420");

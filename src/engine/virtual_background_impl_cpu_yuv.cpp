@@ -80,11 +80,16 @@ bool checkFrameRecord(const char* fn, const char* role, const ZynNativeInputFram
     return true;
 }
 
+// Compared as addresses: a record of an unknown format (refused later) may have no luma plane,
+// or a stride that does not cover its rows.
 bool lumaPlanesOverlap(const ZynNativeInputFrame* a, const ZynNativeInputFrame* b) {
-    const uint8_t* a0 = a->plane0;
-    const uint8_t* a1 = a0 + static_cast<size_t>(a->stride0) * (a->height - 1) + a->width;
-    const uint8_t* b0 = b->plane0;
-    const uint8_t* b1 = b0 + static_cast<size_t>(b->stride0) * (b->height - 1) + b->width;
+    if (a->plane0 == nullptr || b->plane0 == nullptr) {
+        return false;
+    }
+    const uintptr_t a0 = reinterpret_cast<uintptr_t>(a->plane0);
+    const uintptr_t a1 = a0 + static_cast<size_t>(a->stride0) * (a->height - 1) + a->width;
+    const uintptr_t b0 = reinterpret_cast<uintptr_t>(b->plane0);
+    const uintptr_t b1 = b0 + static_cast<size_t>(b->stride0) * (b->height - 1) + b->width;
     return a0 < b1 && b0 < a1;
 }
 
