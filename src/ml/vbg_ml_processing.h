@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -55,6 +56,10 @@ public:
     std::unique_ptr<uint8_t[]> inputBuffer;  // model-size staging image, 4 bytes a pixel
 
 protected:
+    // Engines on different threads share the backend: runModel runs one inference at a time, so
+    // that its staging image and its input and output tensors serve one engine's frame at once.
+    std::mutex runMutex;
+
     // Returns the pixels to read for a model-size input: `image` itself when it already has the
     // model size, else `image` box-scaled into inputBuffer.
     const uint8_t* modelSizedImage(const uint8_t* image, uint32_t width, uint32_t height);

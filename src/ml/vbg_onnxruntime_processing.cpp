@@ -286,6 +286,7 @@ void OnnxRuntimeProcessing::SmoothMask(const float* person, float* prev, uint8_t
 
 bool OnnxRuntimeProcessing::runModel(const uint8_t* image, uint32_t width, uint32_t height,
                                      VBGMLState* state) {
+    std::lock_guard<std::mutex> lock(runMutex);
     if (!session_ || !inputValue_ || !outputValue_) {
         ZLOG_ERROR("VBG::OnnxRuntimeProcessing::runModel", "Error: {0}",
                    "runModel called before a model was bound");

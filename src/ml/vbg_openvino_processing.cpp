@@ -297,6 +297,7 @@ bool OpenVinoProcessing::loadModel(const std::string& modelPath) {
 
 bool OpenVinoProcessing::runModel(const uint8_t* image, uint32_t width, uint32_t height,
                                   VBGMLState* state) {
+    std::lock_guard<std::mutex> lock(runMutex);
     try {
         OPENVINO_ASSERT(inferRequest, "No model is loaded");
         OPENVINO_ASSERT(image != nullptr && state != nullptr, "No image or no mask state");
