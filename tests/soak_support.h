@@ -138,7 +138,7 @@ inline std::string UpdateFor(int step) {
     }
 }
 
-// Camera frames of every size in one format, made before the threads start.
+// Camera frames of every size in one format, with an output frame for each.
 class CameraFrames {
   public:
     explicit CameraFrames(uint32_t format) {
@@ -156,9 +156,8 @@ class CameraFrames {
 };
 
 // The frame loop of one instance on its own thread.
-inline void RunInstance(ZynNativeHandle* handle, uint32_t format, const Options& options,
-                        Outcome& outcome, std::mutex& memoryMutex) {
-    CameraFrames camera(format);
+inline void RunInstance(ZynNativeHandle* handle, CameraFrames& camera, uint32_t format,
+                        const Options& options, Outcome& outcome, std::mutex& memoryMutex) {
     const uint32_t slideFormat = format == ZYN_FORMAT_NV12 ? ZYN_FORMAT_I420 : ZYN_FORMAT_NV12;
     Frame slide(640, 360, slideFormat);
     slide.fill(200, 128, 128);
@@ -272,14 +271,20 @@ inline Report RunSoak(const Options& options) {
         return report;
     }
 
+    // Made here: the frames of each size are generated once, by the ffmpeg program, into files
+    // that the two threads would otherwise both write.
+    CameraFrames nv12(ZYN_FORMAT_NV12);
+    CameraFrames i420(ZYN_FORMAT_I420);
     Outcome outcomes[2];
     std::mutex memoryMutex;
     std::atomic<bool> running{true};
     std::thread threads[2] = {
-        std::thread(
-            [&] { RunInstance(&handles[0], ZYN_FORMAT_NV12, options, outcomes[0], memoryMutex); }),
-        std::thread(
-            [&] { RunInstance(&handles[1], ZYN_FORMAT_I420, options, outcomes[1], memoryMutex); })};
+        std::thread([&] {
+            RunInstance(&handles[0], nv12, ZYN_FORMAT_NV12, options, outcomes[0], memoryMutex);
+        }),
+        std::thread([&] {
+            RunInstance(&handles[1], i420, ZYN_FORMAT_I420, options, outcomes[1], memoryMutex);
+        })};
     std::thread watcher([&] {
         while (running.load()) {
             report.threadsPeak = std::max(report.threadsPeak, ThreadIds().size());
