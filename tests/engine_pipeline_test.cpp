@@ -305,10 +305,15 @@ TEST_F(EnginePipeline, AnimatedPictureShowsItsFramesInTurn) {
     Frame out(640, 360, ZYN_FORMAT_NV12);
     const Box wall = LeftWallBox(640, 360);
     std::string shown;
+    auto last = std::chrono::steady_clock::now();
+    auto longestGap = std::chrono::steady_clock::duration::zero();
     for (int i = 0; i < 24; ++i) {
         ASSERT_EQ(0u, instance.process(*in, out));
         shown += DominantColour(out, wall);
         std::this_thread::sleep_for(std::chrono::milliseconds(25));
+        const auto now = std::chrono::steady_clock::now();
+        longestGap = std::max(longestGap, now - last);
+        last = now;
     }
     // 100 ms per picture frame, a camera frame every 25 ms or more: each picture frame stays for
     // a few camera frames, then the other one follows.
@@ -316,8 +321,12 @@ TEST_F(EnginePipeline, AnimatedPictureShowsItsFramesInTurn) {
     EXPECT_EQ('r', shown.front()) << shown;
     EXPECT_NE(std::string::npos, shown.find("rb")) << shown;
     EXPECT_NE(std::string::npos, shown.find("br")) << shown;
-    EXPECT_EQ(std::string::npos, shown.find("rbr")) << shown;
-    EXPECT_EQ(std::string::npos, shown.find("brb")) << shown;
+    // A picture frame outlasts one camera frame, unless a loaded machine spaced the camera frames
+    // further apart than a picture frame lasts.
+    if (longestGap < std::chrono::milliseconds(90)) {
+        EXPECT_EQ(std::string::npos, shown.find("rbr")) << shown;
+        EXPECT_EQ(std::string::npos, shown.find("brb")) << shown;
+    }
 }
 
 TEST_F(EnginePipeline, VideoBackgroundPlaysBehindThePerson) {
