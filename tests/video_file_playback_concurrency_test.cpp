@@ -200,6 +200,7 @@ TEST_F(VideoPlaybackTest, PausesWhenIdleAndRestartsOnTheNextRequest) {
     const auto lastRequest = Clock::now();
 
     ASSERT_TRUE(WaitFor([&] { return log.count(paused) == 1; }, 3000ms)) << log.dump();
+    EXPECT_TRUE(log.hasFrom("VBG::VideoFilePlayback::RunFilePlayback", paused));
     EXPECT_GE(Clock::now() - lastRequest, 300ms);
     EXPECT_EQ(image->playbackState(), 3u);
     const uint64_t delivered = playback->framesDelivered();
@@ -209,6 +210,7 @@ TEST_F(VideoPlaybackTest, PausesWhenIdleAndRestartsOnTheNextRequest) {
 
     image->hasNewFrame();  // the engine's next look counts as a request
     ASSERT_TRUE(WaitFor([&] { return log.count(restarted) == 1; }, 1000ms)) << log.dump();
+    EXPECT_TRUE(log.hasFrom("VBG::VideoFilePlayback::RunFilePlayback", restarted));
     EXPECT_TRUE(WaitFor([&] { return playback->framesDelivered() > delivered; }, 1000ms));
     EXPECT_EQ(image->playbackState(), 2u);
     image->stopVideoFilePlayback();

@@ -94,10 +94,11 @@ bool VirtualBackgroundImpl::createMLProcessing() {
 }
 
 bool VirtualBackgroundImpl::updateWeatherman(const ZynNativeWeathermanSettings& newSettings) {
-    constexpr const char* fn = "VBG::VirtualBackgroundImpl::updateWeatherman";
-    presentationStats.clearFirstFrameLogged();
     // The room picture is decoded here, on the caller's thread, so that the output size is known
-    // before the first presentation frame; the frame thread swaps it in with the settings.
+    // before the first presentation frame; the frame thread swaps it in with the settings. Its
+    // load is the presenter reset's step, and its records carry that function's name.
+    constexpr const char* fn = "VBG::VirtualBackgroundImpl::resetWeatherman";
+    presentationStats.clearFirstFrameLogged();
     std::shared_ptr<const Media::DecodedPicture> picture;
     const bool room = newSettings.mode == 3 || newSettings.mode == 4;
     if (room) {

@@ -270,7 +270,8 @@ bool VideoFilePlayback::PauseWhenIdle() {
     }
     resumeFlag_ = 0;
     state_ = PlaybackState::Paused;
-    ZLOG_INFO("VBG::VideoFilePlayback::PauseWhenIdle", "Video Decode Paused! this: 0x{0:X}",
+    // Pausing is a step of the playback loop; its records carry the loop's name.
+    ZLOG_INFO("VBG::VideoFilePlayback::RunFilePlayback", "Video Decode Paused! this: 0x{0:X}",
               addr(this));
     wakeCondition_.wait(wake, [this] { return resumeFlag_ != 0 || stopRequested_.load(); });
     {
@@ -281,7 +282,7 @@ bool VideoFilePlayback::PauseWhenIdle() {
         return true;
     }
     state_ = PlaybackState::Running;
-    ZLOG_INFO("VBG::VideoFilePlayback::PauseWhenIdle", "Video Decode Restarted! this: 0x{0:X}",
+    ZLOG_INFO("VBG::VideoFilePlayback::RunFilePlayback", "Video Decode Restarted! this: 0x{0:X}",
               addr(this));
     return true;
 }
