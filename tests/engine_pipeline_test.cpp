@@ -485,14 +485,21 @@ TEST_F(EnginePipeline, ProcessingTimeAndStatisticsDescribeTheLastFrame) {
                                                                        nullptr, nullptr));
 }
 
-TEST_F(EnginePipeline, FeedbackRecordsTheNextFrameAndItsMasks) {
+TEST_F(EnginePipeline, FeedbackRecordsTheNextFrameAndTheMasksItWasMadeWith) {
     Instance instance(BackgroundConfig("green.png"));
+    Instance plain(BackgroundConfig("green.png"));  // the same frames, without feedback
     auto in = AstronautFrame(640, 360, ZYN_FORMAT_NV12);
     Frame out(640, 360, ZYN_FORMAT_NV12);
-    ProcessFrames(instance, *in, out, kSettle);
+    Frame plainOut(640, 360, ZYN_FORMAT_NV12);
+    auto processBoth = [&](int count) {
+        ProcessFrames(instance, *in, out, count);
+        ProcessFrames(plain, *in, plainOut, count);
+    };
+    processBoth(kSettle);
     const fs::path cache = Library::Get().cache();
     ASSERT_EQ(0u, instance.update(R"({"feedback": true, "id": "fbone"})"));
-    ProcessFrames(instance, *in, out, 1);
+    processBoth(1);
+    EXPECT_EQ(plainOut.packedI420(), out.packedI420());
 
     const auto raw = ReadBytes(cache / "rawfbone.bin");
     std::vector<uint8_t> expectedRaw(640 * 360 * 4);
@@ -505,13 +512,27 @@ TEST_F(EnginePipeline, FeedbackRecordsTheNextFrameAndItsMasks) {
     libyuv::NV12ToARGB(f.plane0, f.stride0, f.plane1, f.stride1, expectedFinal.data(), 640 * 4, 640,
                        360);
     EXPECT_EQ(expectedFinal, ReadBytes(cache / "finalfbone.bin"));
-    // Masks at model resolution (the landscape model: 256 x 144); the previous one is the
-    // mask before this frame's inference, so the two differ a little.
+    // Masks at model resolution (the landscape model: 256 x 144). The current one is the mask
+    // the frame was blended with: scaled to the frame, it gives every output luma byte from the
+    // camera's and the green picture's.
     const auto current = ReadBytes(cache / "currentMaskfbone.bin");
     const auto previous = ReadBytes(cache / "previousMaskfbone.bin");
-    EXPECT_EQ(256u * 144u, current.size());
+    ASSERT_EQ(256u * 144u, current.size());
     EXPECT_EQ(256u * 144u, previous.size());
     EXPECT_NE(current, previous);
+    std::vector<uint8_t> alpha(640 * 360);
+    libyuv::ScalePlane(current.data(), 256, 256, 144, alpha.data(), 640, 640, 360,
+                       libyuv::kFilterBilinear);
+    const int green = Green(640, 360).y;
+    size_t mismatches = 0;
+    for (uint32_t y = 0; y < 360; ++y) {
+        for (uint32_t x = 0; x < 640; ++x) {
+            const int a = alpha[y * 640 + x];
+            mismatches +=
+                out.lumaAt(x, y) != ((in->lumaAt(x, y) * a + green * (255 - a) + 255) >> 8);
+        }
+    }
+    EXPECT_EQ(0u, mismatches);
     rapidjson::Document index;
     index.Parse(zyn_test::ReadFile(cache / "fbone.json").c_str());
     ASSERT_TRUE(index.IsObject());
@@ -519,13 +540,16 @@ TEST_F(EnginePipeline, FeedbackRecordsTheNextFrameAndItsMasks) {
     EXPECT_EQ(144, index["previousMask"]["height"].GetInt());
     EXPECT_STREQ("finalfbone.bin", index["final"]["filename"].GetString());
 
-    // One request records one frame: the next frame writes nothing, and a new request is taken.
-    fs::remove(cache / "rawfbone.bin");
-    ProcessFrames(instance, *in, out, 1);
-    EXPECT_FALSE(fs::exists(cache / "rawfbone.bin"));
+    // The previous mask of the next frame is the one this frame used.
     ASSERT_EQ(0u, instance.update(R"({"feedback": true, "id": "fbtwo"})"));
+    processBoth(1);
+    EXPECT_EQ(current, ReadBytes(cache / "previousMaskfbtwo.bin"));
+    EXPECT_EQ(plainOut.packedI420(), out.packedI420());
+
+    // One request records one frame: the next frame writes nothing.
+    fs::remove(cache / "rawfbtwo.bin");
     ProcessFrames(instance, *in, out, 1);
-    EXPECT_TRUE(fs::exists(cache / "fbtwo.json"));
+    EXPECT_FALSE(fs::exists(cache / "rawfbtwo.bin"));
 
     // A request while another one waits is refused, which costs the host the instance.
     ASSERT_EQ(0u, instance.update(R"({"feedback": true, "id": "fbthree"})"));

@@ -317,8 +317,8 @@ void VirtualBackgroundImpl::feedbackBeforeFrame(bool writeMask) {
     if (writeMask) {
         mlProcessing->updateStateMask(mlState.get());
     }
-    feedbackWriter.WritePreviousMaskToFile(writeMask ? mlState->mask.get() : nullptr,
-                                           mlState->width, mlState->height);
+    feedbackWriter.WritePreviousMaskToFile(writeMask ? usedModelMask() : nullptr, mlState->width,
+                                           mlState->height);
 }
 
 void VirtualBackgroundImpl::feedbackAfterFrame(const ZynNativeInputFrame* raw,
@@ -329,11 +329,16 @@ void VirtualBackgroundImpl::feedbackAfterFrame(const ZynNativeInputFrame* raw,
         if (writeMask) {
             mlProcessing->updateStateMask(mlState.get());
         }
-        feedbackWriter.WriteCurrentMaskToFile(writeMask ? mlState->mask.get() : nullptr,
-                                              mlState->width, mlState->height);
+        feedbackWriter.WriteCurrentMaskToFile(writeMask ? usedModelMask() : nullptr, mlState->width,
+                                              mlState->height);
         feedbackWriter.End();
     }
     feedbackRequested_.store(false);
+}
+
+const uint8_t* VirtualBackgroundImpl::usedModelMask() const {
+    // Before the first masked frame the backend's own mask stands for it: all zero.
+    return modelMaskBuffer ? modelMaskBuffer.get() : mlState->mask.get();
 }
 
 const char* VirtualBackgroundImpl::getFrameProcessingStats(uint32_t* width, uint32_t* height,
@@ -595,7 +600,6 @@ void VirtualBackgroundImpl::releaseBuffers(bool dropBackground) {
     maskBlur.reset();
     argbFrame.reset();
     roomPictureArgbBuffer.reset();
-    modelMaskBuffer.reset();
     frameWidth = 0;
     frameHeight = 0;
     if (dropBackground) {

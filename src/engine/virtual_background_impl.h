@@ -101,6 +101,9 @@ class VirtualBackgroundImpl : public VirtualBackground {
     void feedbackBeforeFrame(bool writeMask);
     void feedbackAfterFrame(const ZynNativeInputFrame* raw, const ZynNativeInputFrame* final,
                             bool writeMask);
+    // The model-size mask as the last frame used it (modelMaskBuffer), which the feedback files
+    // hold; the backend's raw mask only before the first frame.
+    const uint8_t* usedModelMask() const;
 
     // Counts presentation frames and, every kPresenterCheckInterval + 1 frames, measures the mean
     // luma of the presentation (0..255) and picks presenterLayout: 2 for a dark presentation
@@ -146,7 +149,9 @@ class VirtualBackgroundImpl : public VirtualBackground {
     FrameStats videoStats{"V", 10};
     FrameStats presentationStats{"SS", 10};
     FeedbackWriter feedbackWriter;
-    // Copy of the backend's model mask that the mask blur works on.
+    // The backend's model mask as the frame uses it: a copy, blurred (and on the CPU path mapped
+    // through the contrast curve). Model-sized, so it is kept across frame size changes: the
+    // previous mask of a feedback request is always the one of the frame before.
     ByteBuffer modelMaskBuffer;
 
     static constexpr uint32_t kPresenterCheckInterval = 15;
