@@ -83,7 +83,8 @@ void NoNewFramePicture(benchmark::State& state) {
 void NoNewFrameVideo(benchmark::State& state) {
     auto image =
         std::make_shared<VBG::BackgroundImage>(Settings(VBG::BtVideo, 4, TheMedia().video));
-    if (!image->initVideoFilePlayback(kWidth, kHeight)) {
+    // A video that cannot be opened still gives a playback, a failed one (state 1).
+    if (!image->initVideoFilePlayback(kWidth, kHeight) || image->playbackState() == 1) {
         state.SkipWithError("video not opened");
         return;
     }
@@ -97,7 +98,8 @@ void NoNewFrameVideo(benchmark::State& state) {
 void NewVideoFrame(benchmark::State& state) {
     auto image =
         std::make_shared<VBG::BackgroundImage>(Settings(VBG::BtVideo, 4, TheMedia().video));
-    if (!image->initVideoFilePlayback(kWidth, kHeight)) {
+    // A video that cannot be opened still gives a playback, a failed one (state 1).
+    if (!image->initVideoFilePlayback(kWidth, kHeight) || image->playbackState() == 1) {
         state.SkipWithError("video not opened");
         return;
     }

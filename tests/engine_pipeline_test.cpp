@@ -297,6 +297,30 @@ TEST_F(EnginePipeline, AMissingBackgroundPictureGivesAnAllZeroBackground) {
     EXPECT_LT(MeanDifference(*in, out, FaceBox(640, 360)), 8.0);
 }
 
+TEST_F(EnginePipeline, AnUnreadableVideoIsAcceptedAndGivesAnAllZeroBackground) {
+    zyn_test::WriteFile(Library::Get().cache() / "unreadable.mp4", "not a video at all\n");
+    auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);
+    Frame out(640, 360, ZYN_FORMAT_I420);
+    for (const bool byUpdate : {false, true}) {
+        SCOPED_TRACE(byUpdate ? "update" : "create");
+        LogCapture log;
+        Instance instance(byUpdate ? BlurConfig() : BackgroundConfig("unreadable.mp4"));
+        ASSERT_EQ(0u, instance.status());
+        if (byUpdate) {
+            ProcessFrames(instance, *in, out, 1);
+            ASSERT_EQ(0u, instance.update(BackgroundConfig("unreadable.mp4")));
+        }
+        ProcessFrames(instance, *in, out, kSettle);
+        // One record names the file: it is not opened again, neither for a new frame size nor
+        // for every frame.
+        EXPECT_EQ(1u, log.countAt(spdlog::level::err, "unreadable.mp4")) << log.dump();
+        log.clear();
+        ProcessFrames(instance, *in, out, 3);
+        EXPECT_EQ(0u, log.countAt(spdlog::level::err)) << log.dump();
+        EXPECT_EQ(0.0, DistanceFrom(out, Yuv{0, 0, 0}, LeftWallBox(640, 360)));
+    }
+}
+
 TEST_F(EnginePipeline, AnimatedPictureShowsItsFramesInTurn) {
     WriteAnimatedGif("flash.gif");
     Instance instance(BackgroundConfig("flash.gif"));

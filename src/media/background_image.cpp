@@ -203,6 +203,9 @@ bool BackgroundImage::resetVideoFilePlayback() {
     if (settings_.bt != BtVideo) {
         return true;
     }
+    if (playback_ && playback_->openFailed()) {
+        return true;  // a video that could not be opened is not tried again for a new frame size
+    }
     return initVideoFilePlayback(cachedWidth_, cachedHeight_);
 }
 

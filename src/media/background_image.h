@@ -63,9 +63,12 @@ class BackgroundImage : public VideoFrameSink,
     bool hasNewFrame();
 
     // Video only (both return true at once for a picture): opens the video and makes its
-    // playback, replacing any previous one. A non-zero size is the frame size to deliver.
+    // playback, replacing any previous one. A non-zero size is the frame size to deliver. False
+    // only for an empty path or an unknown data source: a video that cannot be played gives a
+    // failed playback (its cause logged once) and the engine's empty background.
     bool initVideoFilePlayback(int width, int height);
-    // Stops the playback and makes a new one at the current size, from the start of the video.
+    // Stops the playback and makes a new one at the current size, from the start of the video;
+    // keeps a playback whose video could not be opened, which is never opened again.
     bool resetVideoFilePlayback();
     // Starts the playback thread of the current playback; true for a picture.
     bool startVideoFilePlayback();

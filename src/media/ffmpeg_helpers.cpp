@@ -1,6 +1,7 @@
 #include "media/ffmpeg_helpers.h"
 
 extern "C" {
+#include <libavutil/avstring.h>
 #include <libavutil/error.h>
 #include <libavutil/log.h>
 #include <libavutil/mem.h>
@@ -26,6 +27,11 @@ constexpr int kIoBufferSize = 32 * 1024;
 constexpr const char* kPictureFormats = "png_pipe,jpeg_pipe,gif";
 constexpr const char* kPictureCodecs = "png,mjpeg,gif";
 constexpr const char* kVideoFormats = "mov,matroska,ogg";
+// The decoders of the codecs background videos are made with. Every other decoder stays away from
+// background data, also while the streams are probed.
+constexpr const char* kVideoCodecs =
+    "h264,hevc,vp8,vp9,libvpx,libvpx-vp9,av1,libdav1d,libaom-av1,mpeg4,mpeg1video,mpeg2video,h263,"
+    "theora,mjpeg";
 
 // FFmpeg writes its own diagnostics to stderr, which belongs to the host; a damaged background
 // video would repeat them on every loop. The library reports every failure in its own records
@@ -186,6 +192,7 @@ int MediaInput::open(const MediaSource& source, ContainerKind kind, int64_t maxP
             av_dict_set(&raw, "codec_whitelist", kPictureCodecs, 0);
         } else {
             av_dict_set(&raw, "format_whitelist", kVideoFormats, 0);
+            av_dict_set(&raw, "codec_whitelist", kVideoCodecs, 0);
         }
         options.reset(raw);
     }
@@ -219,6 +226,10 @@ int MediaInput::open(const MediaSource& source, ContainerKind kind, int64_t maxP
         return rc;
     }
     return 0;
+}
+
+bool VideoDecoderAccepted(const AVCodec* codec) {
+    return codec != nullptr && av_match_list(codec->name, kVideoCodecs, ',') > 0;
 }
 
 bool DimensionsAccepted(int width, int height) {

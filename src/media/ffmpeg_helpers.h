@@ -108,6 +108,9 @@ class MediaInput {
 // refuses frames of more than `maxPixels`. Returns 0 or an FFmpeg error code (logged).
 int OpenDecoder(const AVStream* stream, CodecContextPtr& decoder, int64_t maxPixels = kMaxPixels);
 
+// Whether `codec` is one of the decoders background videos may use.
+bool VideoDecoderAccepted(const AVCodec* codec);
+
 // Whether width x height is within the accepted limits.
 bool DimensionsAccepted(int width, int height);
 

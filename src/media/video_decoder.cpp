@@ -35,6 +35,12 @@ int VideoDecoder::open(const MediaSource& source) {
         return AVERROR_STREAM_NOT_FOUND;
     }
     const AVCodecParameters* parameters = stream_->codecpar;
+    const AVCodec* codec = avcodec_find_decoder(parameters->codec_id);
+    if (codec != nullptr && !VideoDecoderAccepted(codec)) {
+        ZLOG_ERROR("VBG::Media::VideoDecoder::open", "Video codec '{}' of {} is not accepted",
+                   avcodec_get_name(parameters->codec_id), description_);
+        return AVERROR_DECODER_NOT_FOUND;
+    }
     if (!DimensionsAccepted(parameters->width, parameters->height)) {
         ZLOG_ERROR("VBG::Media::VideoDecoder::open",
                    "Video of {}x{} in {} refused: the limits are {} pixels per side and {} "

@@ -12,7 +12,8 @@ namespace VBG::Media {
 class VideoDecoder {
   public:
     // Opens the source, its first video stream and the stream's decoder. Returns 0 or an FFmpeg
-    // error code (logged): unreadable data, no video stream, no decoder, refused dimensions.
+    // error code (logged): unreadable data, no video stream, no decoder or one not accepted for
+    // background videos, refused dimensions.
     int open(const MediaSource& source);
 
     // Decodes the next frame into `frame`. At the end of the stream it seeks back to the start

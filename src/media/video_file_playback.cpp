@@ -34,13 +34,18 @@ std::shared_ptr<VideoFilePlayback> VideoFilePlayback::Create(const Media::MediaS
                                                              std::chrono::milliseconds pauseAfter) {
     std::shared_ptr<VideoFilePlayback> playback(
         new VideoFilePlayback(source, playbackOptions, std::move(sink), pauseAfter));
-    auto decoder = std::make_unique<Media::VideoDecoder>();
-    if (decoder->open(source) < 0) {
-        return nullptr;
-    }
     playback->frame_.reset(av_frame_alloc());
     if (!playback->frame_) {
         return nullptr;
+    }
+    // A video that cannot be played is not an error of the configuration: the background is then
+    // empty. The cause was logged by the decoder; the playback stays failed, so that nothing
+    // opens the file again for every frame.
+    auto decoder = std::make_unique<Media::VideoDecoder>();
+    if (decoder->open(source) < 0) {
+        playback->openFailed_ = true;
+        playback->state_ = PlaybackState::Failed;
+        return playback;
     }
     playback->frameRate_ = av_q2d(decoder->frameRate());
     playback->framePeriod_ = decoder->framePeriod();
@@ -57,6 +62,9 @@ bool VideoFilePlayback::Start() {
     if (threadRunning_.load()) {
         ZLOG_INFO("VBG::VideoFilePlayback::Start", "Already Playback Running");
         return true;
+    }
+    if (openFailed_ && !stopRequested_.load()) {
+        return true;  // nothing to play; the cause was logged when the video was opened
     }
     if (stopRequested_.load() || !decoder_ || state_.load() == PlaybackState::Failed) {
         ZLOG_ERROR("VBG::VideoFilePlayback::Start",

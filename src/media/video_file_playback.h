@@ -31,7 +31,8 @@ class VideoFrameSink {
 // Where a playback is in its life. The numbers are what BackgroundImage::playbackState reports.
 enum class PlaybackState : uint32_t {
     Created = 0,  // video opened, thread not started yet
-    Failed = 1,   // the thread ended on a decoding error; no frame will come
+    Failed = 1,   // the video could not be opened, or the thread ended on a decoding error; no
+                  // frame will come
     Running = 2,  // decoding at the video's frame rate
     Paused = 3,   // decoding suspended until the next frame request
     Stopped = 4,  // stopped by Cleanup (or no playback at all)
@@ -55,7 +56,8 @@ class VideoFilePlayback : public std::enable_shared_from_this<VideoFilePlayback>
     // playback thread, before the consumer gets it.
     using AuxiliaryConsumer = std::function<void(const uint8_t* argb, int width, int height)>;
 
-    // Opens the video; nullptr (with the cause logged) when it cannot be played. The memory of a
+    // Opens the video. A video that cannot be played (its cause logged once, here) still gives a
+    // playback, in the Failed state, that plays nothing and never tries again. The memory of a
     // memory source must stay valid while the playback lives. `pauseAfter` is the idle time
     // before decoding pauses; tests shorten it.
     static std::shared_ptr<VideoFilePlayback> Create(
@@ -68,7 +70,8 @@ class VideoFilePlayback : public std::enable_shared_from_this<VideoFilePlayback>
     VideoFilePlayback& operator=(const VideoFilePlayback&) = delete;
 
     // Starts the playback thread. A running thread is left alone ("Already Playback Running").
-    // False when the thread cannot be started, after a decoding failure, or after Cleanup.
+    // False when the thread cannot be started, after a decoding failure, or after Cleanup. A video
+    // that could not be opened has nothing to start: true, and no thread.
     bool Start();
     // Stops the thread and waits for it (unless called on the playback thread itself, which
     // then ends on its own), then releases the decoder. Safe to call more than once.
@@ -83,6 +86,8 @@ class VideoFilePlayback : public std::enable_shared_from_this<VideoFilePlayback>
     void FrameConsumed();
 
     PlaybackState State() const { return state_.load(); }
+    // Whether the video could not be opened (the playback is then Failed for good).
+    bool openFailed() const { return openFailed_; }
     uint8_t playbackOptions() const { return playbackOptions_; }
     // Frames per second the thread paces itself at.
     double frameRate() const { return frameRate_; }
@@ -107,6 +112,7 @@ class VideoFilePlayback : public std::enable_shared_from_this<VideoFilePlayback>
     const std::weak_ptr<VideoFrameSink> sink_;
     const std::chrono::milliseconds pauseAfter_;
 
+    bool openFailed_ = false;
     double frameRate_ = 0.0;
     std::chrono::nanoseconds framePeriod_{0};
 

@@ -67,6 +67,14 @@ size_t LogCapture::countContaining(const std::string& fragment) const {
     return n;
 }
 
+size_t LogCapture::countAt(spdlog::level::level_enum level, const std::string& fragment) const {
+    size_t n = 0;
+    for (const auto& r : records()) {
+        n += r.level == level && r.message.find(fragment) != std::string::npos ? 1 : 0;
+    }
+    return n;
+}
+
 bool LogCapture::has(spdlog::level::level_enum level, const std::string& message) const {
     for (const auto& r : records()) {
         if (r.level == level && r.message == message) {

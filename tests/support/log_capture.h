@@ -31,6 +31,9 @@ class LogCapture {
     bool contains(const std::string& message) const { return count(message) > 0; }
     // Number of records whose message contains `fragment`.
     size_t countContaining(const std::string& fragment) const;
+    // Number of records at `level` whose message contains `fragment` (every one at that level
+    // when it is empty).
+    size_t countAt(spdlog::level::level_enum level, const std::string& fragment = "") const;
     // Whether a record with this exact message was logged at `level`.
     bool has(spdlog::level::level_enum level, const std::string& message) const;
     // Whether a record with this exact message came from `function`.
