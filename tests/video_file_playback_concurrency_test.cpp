@@ -70,6 +70,12 @@ class VideoPlaybackTest : public ::testing::Test {
                                 "drawbox=x=240:y=0:w=80:h=120:color=0x0000FF:t=fill\" "
                                 "-c:v libx264 -pix_fmt yuv420p " +
                                 Path("bands.mp4")));
+        // Red, green, blue: one frame each, four frames per second.
+        ASSERT_TRUE(zyn_test::RunFfmpeg(
+            "-f lavfi -i color=c=red:s=64x48:r=4:d=0.25 -f lavfi -i color=c=0x00FF00:s=64x48:r=4:"
+            "d=0.25 -f lavfi -i color=c=blue:s=64x48:r=4:d=0.25 -filter_complex "
+            "\"[0][1][2]concat=n=3:v=1\" -c:v libx264 -pix_fmt yuv420p " +
+            Path("colours.mp4")));
         // One frame per second.
         ASSERT_TRUE(zyn_test::RunFfmpeg("-f lavfi -i testsrc2=s=64x48:r=1:d=3 -c:v libx264 " +
                                         Path("slow.mp4")));
@@ -142,6 +148,27 @@ TEST_F(VideoPlaybackTest, ShortClipLoopsContinuouslyWithoutAGap) {
     EXPECT_GT(latest - start, 1200ms);
     EXPECT_EQ(image->playbackState(), 2u);
     EXPECT_GE(image->playback()->framesConsumed(), static_cast<uint64_t>(frames));
+}
+
+TEST_F(VideoPlaybackTest, FirstFrameIsShownAtStartAndAfterEachLoop) {
+    auto image = StartedVideo("colours.mp4");
+    // The playback decodes its first frame at once; the size is asked for half a period later.
+    std::this_thread::sleep_for(125ms);
+    image->lockAndGetCropAndScaledArgbBuffer(64, 48);
+    image->unlockVideoFrame();
+    std::string shown;
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            if (image->hasNewFrame()) {
+                shown += ColourAt(image->lockAndGetCropAndScaledArgbBuffer(64, 48), 64 * 4, 32, 24);
+                image->unlockVideoFrame();
+                image->videoFrameConsumed();
+            }
+            return shown.find("br") != std::string::npos;
+        },
+        3000ms))
+        << shown;
+    EXPECT_EQ(shown.front(), 'r') << shown;
 }
 
 TEST_F(VideoPlaybackTest, FramesAreCroppedToTheSizeAskedFor) {

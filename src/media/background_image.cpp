@@ -116,18 +116,19 @@ const Media::PictureFrame& BackgroundImage::nextAnimationFrame() {
 }
 
 const uint8_t* BackgroundImage::lockVideoFrame(int width, int height) {
-    // Asking first lets a paused playback resume while the frame is taken.
-    playback_->RequestFrame(width, height);
     if (!frameLock_.owns_lock()) {
         frameLock_ = std::unique_lock<std::mutex>(frameMutex_);
     }
     if (width != cachedWidth_ || height != cachedHeight_) {
-        // Grey until the playback delivers its first frame at the new size.
+        // Grey until the playback delivers its frame at the new size, which it does at once.
         cachedWidth_ = width;
         cachedHeight_ = height;
         argbCache_.assign(static_cast<size_t>(width) * height * 4, kBackgroundGrey);
     }
     newVideoFrame_ = false;
+    // Asked once the cache has the new size, so the frame the playback hands over at once fits
+    // it (it waits for the frame lock until the engine is done with this buffer).
+    playback_->RequestFrame(width, height);
     return argbCache_.data();
 }
 

@@ -117,7 +117,13 @@ void VideoFilePlayback::Cleanup() {
 
 void VideoFilePlayback::RequestFrame(int width, int height) {
     if (width > 0 && height > 0) {
-        requestedSize_ = PackSize(width, height);
+        const uint64_t size = PackSize(width, height);
+        if (requestedSize_.exchange(size) != size) {
+            // The playback thread hands over the frame in hand at the new size at once; it reads
+            // the size under the wake mutex, so this wakes it whether or not it waits yet.
+            { std::lock_guard<std::mutex> wake(wakeMutex_); }
+            wakeCondition_.notify_all();
+        }
     }
     RequestFrame();
 }
@@ -186,8 +192,10 @@ void VideoFilePlayback::RunFilePlayback() {
                 // rather than decoding a burst of late frames.
                 next = now;
             }
-            std::unique_lock<std::mutex> wake(wakeMutex_);
-            wakeCondition_.wait_until(wake, next, [this] { return stopRequested_.load(); });
+            if (!WaitForNextFrame(next)) {
+                failed = true;
+                break;
+            }
         }
     } catch (const std::exception& error) {
         ZLOG_ERROR("VBG::VideoFilePlayback::RunFilePlayback",
@@ -209,37 +217,53 @@ bool VideoFilePlayback::DecodeTick() {
                    "Video decoding of {} cannot go on, this: 0x{:X}", description_, addr(this));
         return false;
     }
-    const uint64_t size = requestedSize_.load();
-    const int targetWidth = static_cast<int>(size >> 32);
-    const int targetHeight = static_cast<int>(size & 0xFFFFFFFFu);
-    const bool wanted = targetWidth > 0 && targetHeight > 0;
-    const bool auxiliary =
-        (playbackOptions_ & kPlaybackAuxiliaryOutput) != 0 && auxiliaryConsumer_ != nullptr;
-    if (!wanted && !auxiliary) {
-        return true;  // nobody has asked for a size yet
+    sourceConverted_ = false;
+    if ((playbackOptions_ & kPlaybackAuxiliaryOutput) != 0 && auxiliaryConsumer_ != nullptr) {
+        if (!ConvertSourceFrame()) {
+            return false;
+        }
+        auxiliaryConsumer_(sourceArgb_.data(), frame->width, frame->height);
     }
+    return DeliverFrame();
+}
 
-    // A frame of the requested size is converted straight into the buffer handed over.
-    const size_t targetBytes = static_cast<size_t>(targetWidth) * targetHeight * 4;
-    const bool direct = wanted && frame->width == targetWidth && frame->height == targetHeight;
-    std::vector<uint8_t>& converted = direct ? pendingFrame_ : sourceArgb_;
-    converted.resize(static_cast<size_t>(frame->width) * frame->height * 4);
-    if (converter_.convert(frame, converted.data(), frame->width * 4) < 0) {
-        return false;
-    }
-    if (auxiliary) {
-        auxiliaryConsumer_(converted.data(), frame->width, frame->height);
-    }
-    if (!wanted) {
+bool VideoFilePlayback::ConvertSourceFrame() {
+    if (sourceConverted_) {
         return true;
     }
-    if (!direct) {
-        pendingFrame_.resize(targetBytes);
+    const AVFrame* frame = frame_.get();
+    sourceArgb_.resize(static_cast<size_t>(frame->width) * frame->height * 4);
+    if (converter_.convert(frame, sourceArgb_.data(), frame->width * 4) < 0) {
+        return false;
+    }
+    sourceConverted_ = true;
+    return true;
+}
+
+bool VideoFilePlayback::DeliverFrame() {
+    const AVFrame* frame = frame_.get();
+    const uint64_t size = requestedSize_.load();
+    deliveredSize_ = size;
+    const int targetWidth = static_cast<int>(size >> 32);
+    const int targetHeight = static_cast<int>(size & 0xFFFFFFFFu);
+    if (targetWidth <= 0 || targetHeight <= 0) {
+        return true;  // nobody has asked for a size yet; the frame stays in hand until then
+    }
+    pendingFrame_.resize(static_cast<size_t>(targetWidth) * targetHeight * 4);
+    if (!sourceConverted_ && frame->width == targetWidth && frame->height == targetHeight) {
+        // A frame of the requested size is converted straight into the buffer handed over.
+        if (converter_.convert(frame, pendingFrame_.data(), targetWidth * 4) < 0) {
+            return false;
+        }
+    } else {
+        if (!ConvertSourceFrame()) {
+            return false;
+        }
         const Media::CropRect crop =
             Media::CenteredCrop(frame->width, frame->height, targetWidth, targetHeight);
         if (!Media::ScaleCropToArgb(sourceArgb_.data(), frame->width * 4, crop,
                                     pendingFrame_.data(), targetWidth, targetHeight)) {
-            ZLOG_ERROR("VBG::VideoFilePlayback::DecodeTick",
+            ZLOG_ERROR("VBG::VideoFilePlayback::DeliverFrame",
                        "Scaling a {}x{} video frame to {}x{} failed, this: 0x{:X}", frame->width,
                        frame->height, targetWidth, targetHeight, addr(this));
             return false;
@@ -251,6 +275,24 @@ bool VideoFilePlayback::DecodeTick() {
         ++framesDelivered_;
     }
     return true;
+}
+
+bool VideoFilePlayback::WaitForNextFrame(std::chrono::steady_clock::time_point next) {
+    std::unique_lock<std::mutex> wake(wakeMutex_);
+    for (;;) {
+        const bool resized = wakeCondition_.wait_until(wake, next, [this] {
+            return stopRequested_.load() || requestedSize_.load() != deliveredSize_;
+        });
+        if (!resized || stopRequested_.load()) {
+            return true;
+        }
+        // Handed over without the wake mutex: the consumer may hold its frame lock while it asks.
+        wake.unlock();
+        if (!DeliverFrame()) {
+            return false;
+        }
+        wake.lock();
+    }
 }
 
 bool VideoFilePlayback::PauseWhenIdle() {

@@ -77,8 +77,9 @@ class VideoFilePlayback : public std::enable_shared_from_this<VideoFilePlayback>
     // then ends on its own), then releases the decoder. Safe to call more than once.
     void Cleanup();
 
-    // The consumer asks for frames of width x height (from the next frame on). Every request
-    // counts as activity: it keeps the thread decoding and wakes a paused one.
+    // The consumer asks for frames of width x height. A new size gets the frame in hand at once,
+    // so the first frame of the video is shown even when the size comes after it was decoded.
+    // Every request counts as activity: it keeps the thread decoding and wakes a paused one.
     void RequestFrame(int width, int height);
     // Activity without a size change.
     void RequestFrame();
@@ -104,6 +105,13 @@ class VideoFilePlayback : public std::enable_shared_from_this<VideoFilePlayback>
     void RunFilePlayback();
     // Decodes one frame and hands it on. False when decoding cannot go on.
     bool DecodeTick();
+    // Hands the frame in hand to the consumer at the size it asks for now, if it asks for one.
+    bool DeliverFrame();
+    // The frame in hand in ARGB at its own size, in sourceArgb_ (converted once per frame).
+    bool ConvertSourceFrame();
+    // Sleeps until `next`, meanwhile handing the frame in hand over again at every new size
+    // asked for. False when that fails.
+    bool WaitForNextFrame(std::chrono::steady_clock::time_point next);
     // Waits for a frame request when none came for pauseAfter_. False when stopped meanwhile.
     bool PauseWhenIdle();
 
@@ -121,6 +129,8 @@ class VideoFilePlayback : public std::enable_shared_from_this<VideoFilePlayback>
     Media::FramePtr frame_;
     Media::ArgbConverter converter_;
     std::vector<uint8_t> sourceArgb_;
+    bool sourceConverted_ = false;
+    uint64_t deliveredSize_ = 0;  // the size the frame in hand was last handed over at
     std::vector<uint8_t> pendingFrame_;
     AuxiliaryConsumer auxiliaryConsumer_;
 
