@@ -86,12 +86,13 @@ PlanarShape StaticPlanarShape(const ov::PartialShape& shape, const char* what) {
 // trained, in f32.
 //
 // On the CPU, one inference runs at a time on the frame's own thread. The CPU device's defaults
-// give a request a pool of one worker per core that the frame thread hands each inference to and
-// waits for: for this model of about a millisecond, the hand-overs and the workers' waiting for
-// work cost half as much CPU again as the inference itself (6.3 ms per 1280x720 blur frame
-// against 3.9 ms with one thread, measured on two cores) and make no frame faster. So: a single
-// stream, one inference thread, the latency hint, and no pinning of threads to cores, which in a
-// host's process would bind the host's frame thread too.
+// give a request one worker per core that each inference is split over: for this model of about
+// a millisecond, the hand-overs and the workers' waiting for work cost about 2 ms of CPU per
+// frame on top (6.3 against 3.9 ms per 1280x720 blur frame, measured on two cores) and made no
+// frame faster. So: a single stream, one inference thread, the latency hint, and no pinning of
+// threads to cores, which in a host's process would bind the host's frame thread too. A host
+// with more cores gets the same: its other cores are left to the call's video encoder and
+// decoders.
 ov::AnyMap CompileProperties(const std::string& device) {
     ov::AnyMap properties{ov::hint::inference_precision(ov::element::f32)};
     if (device == "CPU") {
