@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Benchmark of the library (per-frame latency and throughput at 640x360, 1280x720 and 1920x1080;
-# blur, picture background and touch-up; ONNX Runtime and OpenVINO) against the peer pipeline a
-# Linux user would otherwise assemble (MediaPipe selfie segmentation with OpenCV blur and blend,
-# in Python), side by side in one run on the same frames, with the flicker of both on a still
-# clip. Writes out/bench/results.md. Extra arguments go to bench/peer/run_bench.py (--frames N).
+# Benchmark of the library (per-frame latency, throughput and CPU time at 640x360, 1280x720 and
+# 1920x1080; blur, picture background and touch-up; ONNX Runtime and OpenVINO) against the peer
+# pipeline a Linux user would otherwise assemble (MediaPipe selfie segmentation with OpenCV blur
+# and blend, in Python), side by side in one run on the same frames, with the share of one core
+# each would use at 30 fps and the flicker of both on a still clip. Writes out/bench/results.md.
+# Extra arguments go to bench/peer/run_bench.py (--frames N).
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"

@@ -1,12 +1,13 @@
 // The ONNX Runtime backend: exact per-pixel results on small models with known arithmetic, the
 // previous-mask feedback, the scaling path, models that do not fit, the processing types, and the
-// real segmentation model on a portrait.
+// real segmentation model on a portrait (the mask, and its independence of the session's threads).
 #include <gtest/gtest.h>
 #include <libyuv/scale_argb.h>
 
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <random>
 #include <string>
@@ -452,6 +453,57 @@ TEST(OnnxRuntimeRealModel, MaskCoversThePersonAndNotTheBackground) {
     }
     for (const Region& r : background) {
         EXPECT_GT(Fraction(*state, r, false), 0.9) << r.what;
+    }
+}
+
+// The CPU session runs sequentially on the frame's thread without spinning pools; the runtime's
+// obvious set-up (parallel execution, default thread pools) must give the same masks bit for
+// bit, frame after frame with the mask fed back.
+TEST(OnnxRuntimeRealModel, MaskIsBitIdenticalToTheParallelSessionWithDefaultPools) {
+    const auto model = zyn_test::RealModelsDir() / "model.winml";
+    if (!std::filesystem::exists(model)) {
+        GTEST_SKIP() << model << " is missing";
+    }
+    zyn_test::TempDir dir("zyn-ort-options");
+    std::vector<uint8_t> picture;
+    ASSERT_TRUE(LoadAstronautCrop(dir, picture));
+    LogCapture log;
+    VBG::OnnxRuntimeProcessing backend(2);
+    ASSERT_TRUE(backend.loadBindModel(model.string())) << log.dump();
+    const int32_t n = static_cast<int32_t>(backend.modelPixelCount);
+
+    Ort::SessionOptions parallel;
+    parallel.SetExecutionMode(ExecutionMode::ORT_PARALLEL);
+    parallel.EnableMemPattern();
+    parallel.EnableCpuMemArena();
+    Ort::Env env(ORT_LOGGING_LEVEL_WARNING, "");
+    Ort::Session session(env, model.c_str(), parallel);
+    std::vector<float> input(static_cast<size_t>(n) * 4);
+    std::vector<float> output(static_cast<size_t>(n) * backend.outputChannels());
+    const std::array<int64_t, 4> inShape{1, 4, backend.modelHeight, backend.modelWidth};
+    const std::array<int64_t, 4> outShape{1, backend.outputChannels(), backend.modelHeight,
+                                          backend.modelWidth};
+    const auto memory = Ort::MemoryInfo::CreateCpu(OrtDeviceAllocator, OrtMemTypeCPU);
+    Ort::Value inValue = Ort::Value::CreateTensor<float>(memory, input.data(), input.size(),
+                                                         inShape.data(), inShape.size());
+    Ort::Value outValue = Ort::Value::CreateTensor<float>(memory, output.data(), output.size(),
+                                                          outShape.data(), outShape.size());
+    const char* const inName[] = {"input"};
+    const char* const outName[] = {"output"};
+
+    auto state = backend.createState();
+    std::vector<float> prev(n, 0.0f);
+    std::vector<uint8_t> mask(n);
+    for (int frame = 0; frame < 4; ++frame) {
+        SCOPED_TRACE(frame);
+        ASSERT_TRUE(backend.runModel(picture.data(), 512, 288, state.get())) << log.dump();
+        // The model-sized picture the backend ran on.
+        VBG::OnnxRuntimeProcessing::FillPlanarInput(backend.getInputBuffer(), prev.data(), n,
+                                                    input.data());
+        session.Run(Ort::RunOptions{nullptr}, inName, &inValue, 1, outName, &outValue, 1);
+        VBG::OnnxRuntimeProcessing::SmoothMask(output.data() + n, prev.data(), mask.data(), n);
+        EXPECT_EQ(std::memcmp(prev.data(), state->prevMask.get(), prev.size() * sizeof(float)), 0);
+        EXPECT_EQ(std::memcmp(mask.data(), state->mask.get(), mask.size()), 0);
     }
 }
 

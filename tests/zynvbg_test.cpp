@@ -374,6 +374,8 @@ TEST(ZynvbgEndToEnd, PictureBackgroundReplacesTheBackgroundAndKeepsThePerson) {
     EXPECT_NE(r.out.find("library statistics: {\"preProcessedTime\":"), std::string::npos)
         << Describe(r);
     EXPECT_NE(r.out.find("fps"), std::string::npos) << Describe(r);
+    EXPECT_NE(r.out.find("% of one core at 30 fps; whole process "), std::string::npos)
+        << Describe(r);
     EXPECT_EQ(r.err.find('\r'), std::string::npos) << "no progress bar without a terminal";
 
     const Probe probe = ProbeVideo(out, zynvbg.dir());

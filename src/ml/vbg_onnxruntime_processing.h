@@ -41,8 +41,8 @@ class OnnxRuntimeProcessing final : public IVBGMLProcessing {
     // Nothing runs in the background, so there is nothing to cancel.
     void clearModel() override {}
 
-    // The session options of the CPU processing types: parallel execution, memory pattern and
-    // CPU arena on, everything else left to the runtime's defaults.
+    // The session options of the CPU processing types: sequential execution on the calling
+    // thread, no spinning pool threads, memory pattern and CPU arena on.
     static Ort::SessionOptions CpuSessionOptions();
 
     // The per-pixel loops of runModel, unrolled by four with a scalar tail.

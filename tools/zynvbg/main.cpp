@@ -24,6 +24,7 @@ extern "C" {
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include "cpu_meter.h"
 #include "effect_config.h"
 #include "frame_reader.h"
 #include "frame_writer.h"
@@ -298,6 +299,8 @@ int run(int argc, char** argv) {
     }
 
     const std::string logHint = " (library log: " + work.logFile().string() + ")";
+    // Made before the library is loaded: every thread that exists now is the tool's.
+    CpuMeter cpuMeter;
     VbgLibrary library(libraryPath);
     if (!library.Init(work.configFile().c_str())) {
         throw ToolError(kExitLibraryFailure, "the library did not accept its configuration " +
@@ -332,13 +335,15 @@ int run(int argc, char** argv) {
     YuvFrame result;
     std::unique_ptr<FrameWriter> writer;
     std::vector<double> latencies;
+    std::vector<double> cpuMicros;  // the library's CPU time per frame, all of its threads
+    double callingThreadMicros = 0;
     std::ofstream timings;
     if (!o.timings.empty()) {
         timings.open(o.timings, std::ios::trunc);
         if (!timings) {
             throw ToolError(kExitOutputFailure, "cannot write --timings file '" + o.timings + "'");
         }
-        timings << "frame,library_us\n";
+        timings << "frame,library_us,library_cpu_us\n";
     }
     int64_t expected =
         input.isPicture() ? (o.maxFrames > 0 ? o.maxFrames : 1) : input.frameCountHint();
@@ -347,6 +352,8 @@ int run(int argc, char** argv) {
     }
     Progress progress(!o.quiet && isatty(STDERR_FILENO) != 0, expected);
     const auto started = std::chrono::steady_clock::now();
+    const int64_t processCpuStart = ProcessCpuNanos();
+    int64_t libraryThreadsCpu = cpuMeter.libraryThreadsNanos();
 
     // Frame numbers count the written frames from 0; settling runs of a picture come before
     // frame 0.
@@ -372,34 +379,49 @@ int run(int argc, char** argv) {
         result.reset(ow, oh, o.layout);
         ZynNativeInputFrame out = result.record();
         std::chrono::steady_clock::time_point begin;
+        int64_t cpuBegin = 0;
         if (presenterOn) {
             if (!presentation->read(presentationFrame)) {
                 throw ToolError(kExitUnreadableInput,
                                 "'" + o.presentation + "' gave no frame to present");
             }
             ZynNativeInputFrame frames[2] = {camera.record(), presentationFrame.record()};
+            cpuBegin = ThreadCpuNanos();
             begin = std::chrono::steady_clock::now();
             status = library.ProcessPresentationFrame(instance.handle(), frames, &out);
         } else {
             ZynNativeInputFrame in = camera.record();
+            cpuBegin = ThreadCpuNanos();
             begin = std::chrono::steady_clock::now();
             status = library.ProcessFrame(instance.handle(), &in, &out);
         }
         const double micros =
             std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - begin)
                 .count();
+        const double callMicros = static_cast<double>(ThreadCpuNanos() - cpuBegin) / 1000.0;
+        // The library's own threads since the previous frame count towards this one.
+        const int64_t threadsNow = cpuMeter.libraryThreadsNanos();
+        const double frameCpuMicros =
+            callMicros + static_cast<double>(threadsNow - libraryThreadsCpu) / 1000.0;
+        libraryThreadsCpu = threadsNow;
+        callingThreadMicros += callMicros;
         if (status != ZYN_STATUS_SUCCESS) {
             throw ToolError(kExitLibraryFailure, "frame " + std::to_string(index) +
                                                      ": the library failed it (status " +
                                                      statusText(status) + ")" + logHint);
         }
         latencies.push_back(micros);
+        cpuMicros.push_back(frameCpuMicros);
         if (timings.is_open()) {
-            timings << index << ',' << static_cast<int64_t>(micros + 0.5) << '\n';
+            timings << index << ',' << static_cast<int64_t>(micros + 0.5) << ','
+                    << static_cast<int64_t>(frameCpuMicros + 0.5) << '\n';
         }
         if (index >= 0) {
             if (!writer) {
+                // An encoder may start threads: they are the tool's, not the library's.
+                cpuMeter.beforeToolThreads();
                 writer = OpenWriter(plan, ow, oh, input.frameRate(), o.layout);
+                cpuMeter.afterToolThreads();
             }
             writer->write(result);
         }
@@ -419,6 +441,7 @@ int run(int argc, char** argv) {
     }
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    const double processCpuMillis = static_cast<double>(ProcessCpuNanos() - processCpuStart) / 1e6;
     for (; nextSwitch < switches.size(); ++nextSwitch) {
         std::cerr << "zynvbg: " << switches[nextSwitch].option << " was not reached (the input has "
                   << index << " frames)\n";
@@ -447,6 +470,20 @@ int run(int argc, char** argv) {
             *std::max_element(latencies.begin(), latencies.end()) / 1000.0, libraryFps);
         std::cout << line;
         std::cout << "library statistics: " << (stats != nullptr ? stats : "") << "\n";
+        const double frames = static_cast<double>(cpuMicros.size());
+        const double cpuMedian = percentile(cpuMicros, 0.5) / 1000.0;
+        double cpuSum = 0;
+        for (double v : cpuMicros) {
+            cpuSum += v;
+        }
+        std::snprintf(line, sizeof(line),
+                      "cpu: library per frame median %.2f ms, mean %.2f ms (%.2f ms on the calling "
+                      "thread, %.2f ms on its own threads); %.1f%% of one core at 30 fps; whole "
+                      "process %.2f ms per frame (reading, library, writing)\n",
+                      cpuMedian, cpuSum / frames / 1000.0, callingThreadMicros / frames / 1000.0,
+                      (cpuSum - callingThreadMicros) / frames / 1000.0, cpuMedian * 30.0 / 10.0,
+                      processCpuMillis / frames);
+        std::cout << line;
         std::snprintf(line, sizeof(line),
                       "total: %lld frames in %.2f s, %.1f fps (reading, library, writing)\n",
                       static_cast<long long>(index), seconds,

@@ -325,7 +325,8 @@ Output
                           .webm: VP9; .avi: MPEG-4 Visual; .y4m and .yuv: uncompressed), numbered
                           PNG pictures from a pattern (out/frame_%05d.png, numbered from 0), one
                           .png for a single frame, or null to discard the frames (for timing)
-  --timings FILE          write each frame's time inside the library as CSV (frame,microseconds)
+  --timings FILE          write each frame's time and CPU time inside the library as CSV
+                          (frame,library_us,library_cpu_us; microseconds)
   -q, --quiet             no progress bar and no summary
 
 Library
