@@ -1,0 +1,85 @@
+#include "frame_stats.h"
+
+#include <rapidjson/document.h>
+#include <time.h>
+
+namespace zyngst {
+namespace {
+
+int64_t clockNs(clockid_t clock) {
+    timespec ts{};
+    clock_gettime(clock, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+}  // namespace
+
+int64_t MonotonicNs() {
+    return clockNs(CLOCK_MONOTONIC);
+}
+
+void FrameStats::reset() {
+    *this = FrameStats();
+    windowStartNs_ = MonotonicNs();
+    windowStartCpuNs_ = clockNs(CLOCK_PROCESS_CPUTIME_ID);
+}
+
+void FrameStats::frame(int64_t libraryNs, bool failed) {
+    ++frames_;
+    ++windowFrames_;
+    failed_ += failed ? 1 : 0;
+    libraryNs_ += libraryNs;
+    windowLibraryNs_ += libraryNs;
+}
+
+bool FrameStats::messageDue() {
+    const int64_t now = MonotonicNs();
+    const int64_t elapsed = now - windowStartNs_;
+    if (elapsed < 1000000000) {
+        return false;
+    }
+    const int64_t cpu = clockNs(CLOCK_PROCESS_CPUTIME_ID);
+    fps_ = static_cast<double>(windowFrames_) * 1e9 / static_cast<double>(elapsed);
+    cpuLoad_ = static_cast<double>(cpu - windowStartCpuNs_) / static_cast<double>(elapsed);
+    windowLibraryMs_ = windowFrames_ == 0 ? 0.0
+                                          : static_cast<double>(windowLibraryNs_) / 1e6 /
+                                                static_cast<double>(windowFrames_);
+    windowStartNs_ = now;
+    windowStartCpuNs_ = cpu;
+    windowFrames_ = 0;
+    windowLibraryNs_ = 0;
+    return true;
+}
+
+GstStructure* FrameStats::snapshot(EffectInstance& instance) const {
+    GstStructure* s = gst_structure_new(
+        "zynvbg", "frames", G_TYPE_UINT64, static_cast<guint64>(frames_), "failed-frames",
+        G_TYPE_UINT64, static_cast<guint64>(failed_), "library-time-total-ms", G_TYPE_DOUBLE,
+        static_cast<double>(libraryNs_) / 1e6, "library-time-ms", G_TYPE_DOUBLE, windowLibraryMs_,
+        "fps", G_TYPE_DOUBLE, fps_, "cpu-load", G_TYPE_DOUBLE, cpuLoad_, nullptr);
+    if (!instance.alive()) {
+        return s;
+    }
+    uint32_t width = 0, height = 0, type = 0;
+    const char* text =
+        instance.library().GetFrameProcessingStats(instance.handle(), &width, &height, &type);
+    gst_structure_set(s, "width", G_TYPE_UINT, width, "height", G_TYPE_UINT, height,
+                      "processing-type", G_TYPE_UINT, type, nullptr);
+    rapidjson::Document doc;
+    if (text != nullptr && !doc.Parse(text).HasParseError() && doc.IsObject()) {
+        // The library's stage times of its last complete frame, whole milliseconds.
+        static const char* const kStages[][2] = {{"preProcessedTime", "pre-processed-time"},
+                                                 {"inferenceTime", "inference-time"},
+                                                 {"postProcessedTime", "post-processed-time"},
+                                                 {"fullFrameTime", "full-frame-time"}};
+        for (const auto& stage : kStages) {
+            auto it = doc.FindMember(stage[0]);
+            if (it != doc.MemberEnd() && it->value.IsNumber()) {
+                gst_structure_set(s, stage[1], G_TYPE_DOUBLE, it->value.GetDouble(), nullptr);
+            }
+        }
+    }
+    return s;
+}
+
+}  // namespace zyngst
