@@ -51,12 +51,17 @@ bool FrameStats::messageDue() {
     return true;
 }
 
+void FrameStats::counts(GstStructure* s) const {
+    gst_structure_set(s, "frames", G_TYPE_UINT64, static_cast<guint64>(frames_), "failed-frames",
+                      G_TYPE_UINT64, static_cast<guint64>(failed_), "library-time-total-ms",
+                      G_TYPE_DOUBLE, static_cast<double>(libraryNs_) / 1e6, nullptr);
+}
+
 GstStructure* FrameStats::snapshot(EffectInstance& instance) const {
-    GstStructure* s = gst_structure_new(
-        "zynvbg", "frames", G_TYPE_UINT64, static_cast<guint64>(frames_), "failed-frames",
-        G_TYPE_UINT64, static_cast<guint64>(failed_), "library-time-total-ms", G_TYPE_DOUBLE,
-        static_cast<double>(libraryNs_) / 1e6, "library-time-ms", G_TYPE_DOUBLE, windowLibraryMs_,
-        "fps", G_TYPE_DOUBLE, fps_, "cpu-load", G_TYPE_DOUBLE, cpuLoad_, nullptr);
+    GstStructure* s = gst_structure_new_empty("zynvbg");
+    counts(s);
+    gst_structure_set(s, "library-time-ms", G_TYPE_DOUBLE, windowLibraryMs_, "fps", G_TYPE_DOUBLE,
+                      fps_, "cpu-load", G_TYPE_DOUBLE, cpuLoad_, nullptr);
     if (!instance.alive()) {
         return s;
     }

@@ -20,6 +20,8 @@ class FrameStats {
     // The structure named "zynvbg" with the counts, the last second's rates and the library's
     // statistics of `instance` (when it is alive). Caller owns it.
     GstStructure* snapshot(EffectInstance& instance) const;
+    // Sets the running counts (frames, failed frames, total library time) in `s`.
+    void counts(GstStructure* s) const;
     // Whether a second has passed since the last message; starts the next window when so.
     bool messageDue();
 

@@ -195,9 +195,14 @@ static void gst_zyn_vbg_get_property(GObject* object, guint id, GValue* value, G
         case PROP_LOG:
             g_value_set_string(value, s.folders.log.c_str());
             break;
-        case PROP_STATS:
-            g_value_set_boxed(value, p->lastStats);
+        case PROP_STATS: {
+            // The last second's figures, with the counts as they are now.
+            GstStructure* stats = p->lastStats != nullptr ? gst_structure_copy(p->lastStats)
+                                                          : gst_structure_new_empty("zynvbg");
+            p->stats.counts(stats);
+            g_value_take_boxed(value, stats);
             break;
+        }
         default:
             G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
     }
@@ -277,7 +282,10 @@ static gboolean gst_zyn_vbg_apply(GstZynVbg* self, bool starting) {
 
 static gboolean gst_zyn_vbg_start(GstBaseTransform* trans) {
     GstZynVbg* self = GST_ZYN_VBG(trans);
-    self->priv->stats.reset();
+    {
+        std::lock_guard<std::mutex> lock(self->priv->mutex);
+        self->priv->stats.reset();
+    }
     self->priv->warnedFrameFailure = false;
     return gst_zyn_vbg_apply(self, true);
 }
@@ -346,7 +354,10 @@ static GstFlowReturn gst_zyn_vbg_transform_frame(GstVideoFilter* filter, GstVide
     if (!p->active || failed) {
         gst_video_frame_copy(out, in);
     }
-    p->stats.frame(libraryNs, failed);
+    {
+        std::lock_guard<std::mutex> lock(p->mutex);
+        p->stats.frame(libraryNs, failed);
+    }
     if (p->stats.messageDue()) {
         gst_zyn_vbg_publish_stats(self, true);
     }

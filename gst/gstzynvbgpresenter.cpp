@@ -210,9 +210,14 @@ static void gst_zyn_vbg_presenter_get_property(GObject* object, guint id, GValue
         case PROP_LOG:
             g_value_set_string(value, s.folders.log.c_str());
             break;
-        case PROP_STATS:
-            g_value_set_boxed(value, p->lastStats);
+        case PROP_STATS: {
+            // The last second's figures, with the counts as they are now.
+            GstStructure* stats = p->lastStats != nullptr ? gst_structure_copy(p->lastStats)
+                                                          : gst_structure_new_empty("zynvbg");
+            p->stats.counts(stats);
+            g_value_take_boxed(value, stats);
             break;
+        }
         default:
             G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
     }
@@ -439,7 +444,10 @@ static GstFlowReturn gst_zyn_vbg_presenter_camera_chain(GstPad*, GstObject* pare
     }
     gst_buffer_unref(presentation);
     gst_buffer_unref(camera);
-    p->stats.frame(libraryNs, failed);
+    {
+        std::lock_guard<std::mutex> lock(p->mutex);
+        p->stats.frame(libraryNs, failed);
+    }
     if (p->stats.messageDue()) {
         gst_zyn_vbg_presenter_publish_stats(self, true);
     }
@@ -588,8 +596,8 @@ static GstStateChangeReturn gst_zyn_vbg_presenter_change_state(GstElement* eleme
         {
             std::lock_guard<std::mutex> lock(p->mutex);
             p->stopping = false;
+            p->stats.reset();
         }
-        p->stats.reset();
         p->warnedFrameFailure = false;
         p->haveCamera = false;
         p->haveOutput = false;
