@@ -364,6 +364,27 @@ static GstFlowReturn gst_zyn_vbg_transform_frame(GstVideoFilter* filter, GstVide
     return GST_FLOW_OK;
 }
 
+// Output buffers come from a downstream pool only when it is a video buffer pool, whose buffers
+// always map as frames. Other pools (PipeWire's sink hands out buffers without memory before its
+// stream runs) make the base class refuse the frame; the element then uses a pool of its own and
+// the sink copies.
+static gboolean gst_zyn_vbg_decide_allocation(GstBaseTransform* trans, GstQuery* query) {
+    for (guint i = 0; i < gst_query_get_n_allocation_pools(query);) {
+        GstBufferPool* pool = nullptr;
+        gst_query_parse_nth_allocation_pool(query, i, &pool, nullptr, nullptr, nullptr);
+        const bool usable = pool == nullptr || GST_IS_VIDEO_BUFFER_POOL(pool);
+        if (pool != nullptr) {
+            gst_object_unref(pool);
+        }
+        if (usable) {
+            ++i;
+        } else {
+            gst_query_remove_nth_allocation_pool(query, i);
+        }
+    }
+    return GST_BASE_TRANSFORM_CLASS(gst_zyn_vbg_parent_class)->decide_allocation(trans, query);
+}
+
 static gboolean gst_zyn_vbg_sink_event(GstBaseTransform* trans, GstEvent* event) {
     if (GST_EVENT_TYPE(event) == GST_EVENT_EOS) {
         // The last figures of a stream shorter than a second are posted too.
@@ -461,6 +482,7 @@ static void gst_zyn_vbg_class_init(GstZynVbgClass* klass) {
     trans->start = gst_zyn_vbg_start;
     trans->stop = gst_zyn_vbg_stop;
     trans->sink_event = gst_zyn_vbg_sink_event;
+    trans->decide_allocation = gst_zyn_vbg_decide_allocation;
     filter->transform_frame = gst_zyn_vbg_transform_frame;
     gst_type_mark_as_plugin_api(gst_zyn_vbg_effect_get_type(), static_cast<GstPluginAPIFlags>(0));
 }

@@ -507,3 +507,47 @@ TEST_F(GstElements, PresenterOutputHasTheLayoutSize) {
         gst_object_unref(element);
     }
 }
+
+// The filter as a PipeWire camera node: a private PipeWire daemon and session manager on a
+// private session bus in a temporary runtime folder, zynvbg into pipewiresink, pipewiresrc reading
+// the node back; the frames read back show the person on the red picture.
+TEST_F(GstElements, PipeWireCameraNodeRoundTrip) {
+    for (const char* program : {"pipewire", "wireplumber", "dbus-run-session"}) {
+        if (std::system((std::string("command -v ") + program + " >/dev/null").c_str()) != 0) {
+            GTEST_SKIP() << program << " is not installed";
+        }
+    }
+    const fs::path dir = scratch().dir / "pipewire";
+    fs::create_directories(dir / "runtime");
+    const fs::path still = dir / "astronaut.png";
+    RunCommand("ffmpeg -y -v error -i '" + zyn_test::SampleImage("astronaut.png").string() +
+               "' -vf 'scale=-2:180,pad=320:180:(ow-iw)/2:0:color=0x808080' '" + still.string() +
+               "'");
+    const fs::path back = dir / "back.yuv";
+    const fs::path script = dir / "round_trip.sh";
+    zyn_test::WriteFile(
+        script,
+        "export XDG_RUNTIME_DIR=" + (dir / "runtime").string() +
+            "\npipewire & PW=$!\nsleep 1\nwireplumber & WP=$!\nsleep 2\n"
+            "gst-launch-1.0 filesrc location=" +
+            still.string() +
+            " ! pngdec ! videoconvert ! imagefreeze is-live=true num-buffers=300 ! "
+            "video/x-raw,framerate=15/1 ! videoconvert ! video/x-raw,format=NV12 ! zynvbg "
+            "effect=background background=" +
+            scratch().picture("red", 160, 90) + " " + scratch().props() +
+            " ! pipewiresink mode=provide client-name=zynvbg-camera "
+            "stream-properties='p,media.class=Video/Source,node.name=zynvbg-camera' & SINK=$!\n"
+            "sleep 2\ntimeout 30 gst-launch-1.0 pipewiresrc target-object=zynvbg-camera "
+            "num-buffers=20 ! videoconvert ! video/x-raw,format=I420 ! filesink location=" +
+            back.string() + "\nRESULT=$?\nkill $SINK $WP $PW\nwait\nexit $RESULT\n");
+    ASSERT_EQ(0, std::system(("timeout 90 dbus-run-session -- bash " + script.string() + " > " +
+                              (dir / "log").string() + " 2>&1")
+                                 .c_str()))
+        << zyn_test::ReadFile(dir / "log");
+    const std::string bytes = zyn_test::ReadFile(back);
+    const size_t frame = kW * kH * 3 / 2;
+    ASSERT_EQ(20 * frame, bytes.size());
+    const Picture last{kW, kH, std::vector<uint8_t>(bytes.end() - frame, bytes.end())};
+    EXPECT_LT(last.difference(Astronaut(), kFace.x0, kFace.y0, kFace.x1, kFace.y1), 12.0);
+    EXPECT_GT(last.mean(2, kLeftWall.x0, kLeftWall.y0, kLeftWall.x1, kLeftWall.y1), 200.0);
+}
