@@ -111,6 +111,13 @@ static void gst_zyn_vbg_set_property(GObject* object, guint id, const GValue* va
                                      GParamSpec* pspec) {
     GstZynVbg* self = GST_ZYN_VBG(object);
     Private* p = self->priv;
+    // Refusals are posted before the settings are locked: a bus handler may read properties.
+    const std::string refusal = zyngst::RefusedValue(
+        id == PROP_CONFIG, id == PROP_MODELS || id == PROP_CACHE || id == PROP_LOG, pspec, value);
+    if (!refusal.empty()) {
+        GST_ELEMENT_WARNING(self, LIBRARY, SETTINGS, ("%s", refusal.c_str()), (nullptr));
+        return;
+    }
     std::lock_guard<std::mutex> lock(p->mutex);
     Settings& s = p->wanted;
     switch (id) {
@@ -146,12 +153,6 @@ static void gst_zyn_vbg_set_property(GObject* object, guint id, const GValue* va
         case PROP_CACHE:
         case PROP_LOG: {
             const char* text = g_value_get_string(value);
-            if (text == nullptr || text[0] == '\0') {
-                GST_ELEMENT_WARNING(self, LIBRARY, SETTINGS,
-                                    ("refused: the %s folder cannot be empty", pspec->name),
-                                    (nullptr));
-                return;
-            }
             std::string& field = id == PROP_MODELS  ? s.folders.models
                                  : id == PROP_CACHE ? s.folders.cache
                                                     : s.folders.log;

@@ -69,7 +69,8 @@ struct Private {
     bool haveCamera = false;
     GstVideoInfo outputInfo;
     bool haveOutput = false;
-    GstBuffer* blank = nullptr;  // black presentation while none has come
+    GstBuffer* blank = nullptr;     // black presentation while none has come
+    GstBufferPool* pool = nullptr;  // output frames
     zyngst::EffectInstance instance;
     zyngst::FrameStats stats;
     bool warnedFrameFailure = false;
@@ -128,6 +129,12 @@ static void gst_zyn_vbg_presenter_set_property(GObject* object, guint id, const 
                                                GParamSpec* pspec) {
     GstZynVbgPresenter* self = GST_ZYN_VBG_PRESENTER(object);
     Private* p = self->priv;
+    const std::string refusal = zyngst::RefusedValue(
+        false, id == PROP_MODELS || id == PROP_CACHE || id == PROP_LOG, pspec, value);
+    if (!refusal.empty()) {
+        GST_ELEMENT_WARNING(self, LIBRARY, SETTINGS, ("%s", refusal.c_str()), (nullptr));
+        return;
+    }
     std::lock_guard<std::mutex> lock(p->mutex);
     Settings& s = p->wanted;
     switch (id) {
@@ -156,12 +163,6 @@ static void gst_zyn_vbg_presenter_set_property(GObject* object, guint id, const 
         case PROP_CACHE:
         case PROP_LOG: {
             const char* text = g_value_get_string(value);
-            if (text == nullptr || text[0] == '\0') {
-                GST_ELEMENT_WARNING(self, LIBRARY, SETTINGS,
-                                    ("refused: the %s folder cannot be empty", pspec->name),
-                                    (nullptr));
-                return;
-            }
             (id == PROP_MODELS  ? s.folders.models
              : id == PROP_CACHE ? s.folders.cache
                                 : s.folders.log) = text;
@@ -282,6 +283,19 @@ static bool gst_zyn_vbg_presenter_apply(GstZynVbgPresenter* self, bool starting)
     return true;
 }
 
+// Drops the output pool and the black stand-in, made for the previous output size.
+static void gst_zyn_vbg_presenter_release_buffers(Private* p) {
+    if (p->pool != nullptr) {
+        gst_buffer_pool_set_active(p->pool, FALSE);
+        gst_object_unref(p->pool);
+        p->pool = nullptr;
+    }
+    if (p->blank != nullptr) {
+        gst_buffer_unref(p->blank);
+        p->blank = nullptr;
+    }
+}
+
 // The output size of the layout: the room picture's, else the presentation's (the camera's while
 // no presentation has come). Pushes new caps when it changed. Camera thread.
 static bool gst_zyn_vbg_presenter_negotiate(GstZynVbgPresenter* self) {
@@ -316,12 +330,21 @@ static bool gst_zyn_vbg_presenter_negotiate(GstZynVbgPresenter* self) {
     GstCaps* caps = gst_video_info_to_caps(&info);
     GST_INFO_OBJECT(self, "output caps %" GST_PTR_FORMAT, caps);
     const bool pushed = gst_pad_push_event(self->src, gst_event_new_caps(caps));
-    gst_caps_unref(caps);
     if (pushed) {
         p->outputInfo = info;
         p->haveOutput = true;
+        gst_zyn_vbg_presenter_release_buffers(p);
+        p->pool = gst_video_buffer_pool_new();
+        GstStructure* config = gst_buffer_pool_get_config(p->pool);
+        gst_buffer_pool_config_set_params(config, caps, static_cast<guint>(info.size), 2, 0);
+        if (!gst_buffer_pool_set_config(p->pool, config) ||
+            !gst_buffer_pool_set_active(p->pool, TRUE)) {
+            gst_object_unref(p->pool);
+            p->pool = nullptr;
+        }
     }
-    return pushed;
+    gst_caps_unref(caps);
+    return pushed && p->pool != nullptr;
 }
 
 static void gst_zyn_vbg_presenter_record(const GstVideoFrame* frame, ZynNativeInputFrame& r) {
@@ -401,8 +424,15 @@ static GstFlowReturn gst_zyn_vbg_presenter_camera_chain(GstPad*, GstObject* pare
                                   GST_VIDEO_INFO_WIDTH(&p->outputInfo),
                                   GST_VIDEO_INFO_HEIGHT(&p->outputInfo));
     }
-    GstBuffer* out = gst_buffer_new_allocate(nullptr, p->outputInfo.size, nullptr);
-    gst_buffer_copy_into(out, camera, GST_BUFFER_COPY_METADATA, 0, -1);
+    GstBuffer* out = nullptr;
+    if (gst_buffer_pool_acquire_buffer(p->pool, &out, nullptr) != GST_FLOW_OK) {
+        gst_buffer_unref(presentation);
+        gst_buffer_unref(camera);
+        return GST_FLOW_FLUSHING;
+    }
+    gst_buffer_copy_into(
+        out, camera,
+        static_cast<GstBufferCopyFlags>(GST_BUFFER_COPY_FLAGS | GST_BUFFER_COPY_TIMESTAMPS), 0, -1);
     GstVideoFrame frames[3];
     const bool mapped = gst_video_frame_map(&frames[0], &p->cameraInfo, camera, GST_MAP_READ);
     const bool mappedP =
@@ -614,14 +644,11 @@ static GstStateChangeReturn gst_zyn_vbg_presenter_change_state(GstElement* eleme
         GST_ELEMENT_CLASS(gst_zyn_vbg_presenter_parent_class)->change_state(element, transition);
     if (transition == GST_STATE_CHANGE_PAUSED_TO_READY) {
         p->instance.close();
+        gst_zyn_vbg_presenter_release_buffers(p);
         std::lock_guard<std::mutex> lock(p->mutex);
         if (p->presentation != nullptr) {
             gst_buffer_unref(p->presentation);
             p->presentation = nullptr;
-        }
-        if (p->blank != nullptr) {
-            gst_buffer_unref(p->blank);
-            p->blank = nullptr;
         }
         p->presentationFresh = false;
     }
@@ -636,9 +663,7 @@ static void gst_zyn_vbg_presenter_finalize(GObject* object) {
     if (p->presentation != nullptr) {
         gst_buffer_unref(p->presentation);
     }
-    if (p->blank != nullptr) {
-        gst_buffer_unref(p->blank);
-    }
+    gst_zyn_vbg_presenter_release_buffers(p);
     delete p;
     G_OBJECT_CLASS(gst_zyn_vbg_presenter_parent_class)->finalize(object);
 }

@@ -107,6 +107,21 @@ std::string StatusText(uint32_t status) {
     return std::to_string(status) + " (" + (status < 6 ? kMeaning[status] : "unknown") + ")";
 }
 
+std::string RefusedValue(bool json, bool folder, GParamSpec* pspec, const GValue* value) {
+    const char* text = json || folder ? g_value_get_string(value) : nullptr;
+    if (folder && (text == nullptr || text[0] == '\0')) {
+        return std::string("refused: the ") + pspec->name + " folder cannot be empty";
+    }
+    if (json && text != nullptr && text[0] != '\0') {
+        try {
+            zynvbg::CheckJsonObject(text, pspec->name);
+        } catch (const std::exception& e) {
+            return std::string("refused: ") + e.what() + "; the configuration stays as it was";
+        }
+    }
+    return std::string();
+}
+
 const char* PresenterModeName(int mode) {
     static const char* const kNames[] = {"overlay", "underlay", "newsroom", "conferenceroom"};
     return mode >= 1 && mode <= 4 ? kNames[mode - 1] : "";

@@ -3,6 +3,8 @@
 // instance per element with the last configuration the library accepted.
 #pragma once
 
+#include <glib-object.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -76,6 +78,10 @@ class EffectInstance {
     std::string lastGood_;
     bool opened_ = false;
 };
+
+// Why a property value is refused ("" when it is not): a `json` text that is not a JSON object, an
+// empty `folder`. The previous value stays.
+std::string RefusedValue(bool json, bool folder, GParamSpec* pspec, const GValue* value);
 
 // Mode names of the presenter layouts and their library values (1 to 4).
 const char* PresenterModeName(int mode);
