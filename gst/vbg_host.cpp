@@ -83,8 +83,8 @@ Folders DefaultFolders() {
     const fs::path plugin = pluginFolder();
     std::vector<fs::path> models;
     if (!plugin.empty()) {
-        models.push_back(plugin / ".." / ".." / "share" / "ZYNNativeVBG" / "models");
-        models.push_back(plugin / ".." / ".." / "share" / "zynvbg" / "models");
+        models.push_back(plugin / ZYN_GST_DATA_FROM_PLUGIN / "ZYNNativeVBG" / "models");
+        models.push_back(plugin / ZYN_GST_DATA_FROM_PLUGIN / "zynvbg" / "models");
     }
     models.push_back(ZYN_GST_BUILD_MODELS_DIR);
     folders.models = models.back().string();
