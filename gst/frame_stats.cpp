@@ -87,4 +87,36 @@ GstStructure* FrameStats::snapshot(EffectInstance& instance) const {
     return s;
 }
 
+void PublishStats(GstElement* element, FrameStats& stats, EffectInstance& instance,
+                  std::mutex& mutex, GstStructure*& last, bool post) {
+    GstStructure* s = stats.snapshot(instance);
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (last != nullptr) {
+            gst_structure_free(last);
+        }
+        last = gst_structure_copy(s);
+    }
+    if (post) {
+        gst_element_post_message(element, gst_message_new_element(GST_OBJECT(element), s));
+    } else {
+        gst_structure_free(s);
+    }
+}
+
+ZynNativeInputFrame RecordOf(const GstVideoFrame* frame) {
+    ZynNativeInputFrame r{};
+    r.width = GST_VIDEO_FRAME_WIDTH(frame);
+    r.height = GST_VIDEO_FRAME_HEIGHT(frame);
+    r.format =
+        GST_VIDEO_FRAME_FORMAT(frame) == GST_VIDEO_FORMAT_NV12 ? ZYN_FORMAT_NV12 : ZYN_FORMAT_I420;
+    uint8_t** planes[3] = {&r.plane0, &r.plane1, &r.plane2};
+    uint32_t* strides[3] = {&r.stride0, &r.stride1, &r.stride2};
+    for (guint k = 0; k < GST_VIDEO_FRAME_N_PLANES(frame) && k < 3; ++k) {
+        *planes[k] = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(frame, k));
+        *strides[k] = GST_VIDEO_FRAME_PLANE_STRIDE(frame, k);
+    }
+    return r;
+}
+
 }  // namespace zyngst

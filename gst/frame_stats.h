@@ -4,8 +4,10 @@
 #pragma once
 
 #include <gst/gst.h>
+#include <gst/video/video.h>
 
 #include <cstdint>
+#include <mutex>
 
 #include "vbg_host.h"
 
@@ -41,5 +43,13 @@ class FrameStats {
 };
 
 int64_t MonotonicNs();
+
+// Stores a snapshot of `stats` in `last` (under `mutex`, for the stats property) and posts it as
+// the element message when `post`.
+void PublishStats(GstElement* element, FrameStats& stats, EffectInstance& instance,
+                  std::mutex& mutex, GstStructure*& last, bool post);
+
+// The library's frame record over a mapped NV12 or I420 frame.
+ZynNativeInputFrame RecordOf(const GstVideoFrame* frame);
 
 }  // namespace zyngst

@@ -300,19 +300,7 @@ static gboolean gst_zyn_vbg_stop(GstBaseTransform* trans) {
 
 static void gst_zyn_vbg_publish_stats(GstZynVbg* self, bool post) {
     Private* p = self->priv;
-    GstStructure* s = p->stats.snapshot(p->instance);
-    {
-        std::lock_guard<std::mutex> lock(p->mutex);
-        if (p->lastStats != nullptr) {
-            gst_structure_free(p->lastStats);
-        }
-        p->lastStats = gst_structure_copy(s);
-    }
-    if (post) {
-        gst_element_post_message(GST_ELEMENT(self), gst_message_new_element(GST_OBJECT(self), s));
-    } else {
-        gst_structure_free(s);
-    }
+    zyngst::PublishStats(GST_ELEMENT(self), p->stats, p->instance, p->mutex, p->lastStats, post);
 }
 
 static GstFlowReturn gst_zyn_vbg_transform_frame(GstVideoFilter* filter, GstVideoFrame* in,
@@ -323,24 +311,11 @@ static GstFlowReturn gst_zyn_vbg_transform_frame(GstVideoFilter* filter, GstVide
     int64_t libraryNs = 0;
     bool failed = false;
     if (p->active && p->instance.alive()) {
-        ZynNativeInputFrame records[2] = {};
-        GstVideoFrame* frames[2] = {in, out};
-        for (int i = 0; i < 2; ++i) {
-            ZynNativeInputFrame& r = records[i];
-            r.width = GST_VIDEO_FRAME_WIDTH(frames[i]);
-            r.height = GST_VIDEO_FRAME_HEIGHT(frames[i]);
-            r.format = GST_VIDEO_FRAME_FORMAT(frames[i]) == GST_VIDEO_FORMAT_NV12 ? ZYN_FORMAT_NV12
-                                                                                  : ZYN_FORMAT_I420;
-            uint8_t** planes[3] = {&r.plane0, &r.plane1, &r.plane2};
-            uint32_t* strides[3] = {&r.stride0, &r.stride1, &r.stride2};
-            for (guint k = 0; k < GST_VIDEO_FRAME_N_PLANES(frames[i]); ++k) {
-                *planes[k] = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(frames[i], k));
-                *strides[k] = GST_VIDEO_FRAME_PLANE_STRIDE(frames[i], k);
-            }
-        }
+        const ZynNativeInputFrame input = zyngst::RecordOf(in);
+        ZynNativeInputFrame output = zyngst::RecordOf(out);
         const int64_t begin = zyngst::MonotonicNs();
         const uint32_t status =
-            p->instance.library().ProcessFrame(p->instance.handle(), &records[0], &records[1]);
+            p->instance.library().ProcessFrame(p->instance.handle(), &input, &output);
         libraryNs = zyngst::MonotonicNs() - begin;
         failed = status != ZYN_STATUS_SUCCESS;
         if (failed && !p->warnedFrameFailure) {

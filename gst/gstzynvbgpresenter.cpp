@@ -347,20 +347,6 @@ static bool gst_zyn_vbg_presenter_negotiate(GstZynVbgPresenter* self) {
     return pushed && p->pool != nullptr;
 }
 
-static void gst_zyn_vbg_presenter_record(const GstVideoFrame* frame, ZynNativeInputFrame& r) {
-    r = ZynNativeInputFrame{};
-    r.width = GST_VIDEO_FRAME_WIDTH(frame);
-    r.height = GST_VIDEO_FRAME_HEIGHT(frame);
-    r.format =
-        GST_VIDEO_FRAME_FORMAT(frame) == GST_VIDEO_FORMAT_NV12 ? ZYN_FORMAT_NV12 : ZYN_FORMAT_I420;
-    uint8_t** planes[3] = {&r.plane0, &r.plane1, &r.plane2};
-    uint32_t* strides[3] = {&r.stride0, &r.stride1, &r.stride2};
-    for (guint k = 0; k < GST_VIDEO_FRAME_N_PLANES(frame); ++k) {
-        *planes[k] = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(frame, k));
-        *strides[k] = GST_VIDEO_FRAME_PLANE_STRIDE(frame, k);
-    }
-}
-
 static void gst_zyn_vbg_presenter_fill_black(GstVideoFrame* frame) {
     for (guint k = 0; k < GST_VIDEO_FRAME_N_PLANES(frame); ++k) {
         const guint rows = GST_VIDEO_FRAME_COMP_HEIGHT(frame, k);
@@ -372,19 +358,7 @@ static void gst_zyn_vbg_presenter_fill_black(GstVideoFrame* frame) {
 
 static void gst_zyn_vbg_presenter_publish_stats(GstZynVbgPresenter* self, bool post) {
     Private* p = self->priv;
-    GstStructure* s = p->stats.snapshot(p->instance);
-    {
-        std::lock_guard<std::mutex> lock(p->mutex);
-        if (p->lastStats != nullptr) {
-            gst_structure_free(p->lastStats);
-        }
-        p->lastStats = gst_structure_copy(s);
-    }
-    if (post) {
-        gst_element_post_message(GST_ELEMENT(self), gst_message_new_element(GST_OBJECT(self), s));
-    } else {
-        gst_structure_free(s);
-    }
+    zyngst::PublishStats(GST_ELEMENT(self), p->stats, p->instance, p->mutex, p->lastStats, post);
 }
 
 static GstFlowReturn gst_zyn_vbg_presenter_camera_chain(GstPad*, GstObject* parent,
@@ -441,11 +415,9 @@ static GstFlowReturn gst_zyn_vbg_presenter_camera_chain(GstPad*, GstObject* pare
     int64_t libraryNs = 0;
     bool failed = true;
     if (mapped && mappedP && mappedO && p->instance.alive()) {
-        ZynNativeInputFrame inputs[2];
-        ZynNativeInputFrame output;
-        gst_zyn_vbg_presenter_record(&frames[0], inputs[0]);
-        gst_zyn_vbg_presenter_record(&frames[1], inputs[1]);
-        gst_zyn_vbg_presenter_record(&frames[2], output);
+        const ZynNativeInputFrame inputs[2] = {zyngst::RecordOf(&frames[0]),
+                                               zyngst::RecordOf(&frames[1])};
+        ZynNativeInputFrame output = zyngst::RecordOf(&frames[2]);
         const int64_t begin = zyngst::MonotonicNs();
         const uint32_t status =
             p->instance.library().ProcessPresentationFrame(p->instance.handle(), inputs, &output);

@@ -443,38 +443,60 @@ TEST_F(GstElements, GstLaunchRunsAClipToEosThroughEachElement) {
     }
 }
 
-// The overlay layout with harnesses on both inputs: camera frames before any presentation come
-// out at once (the camera's size, a black presentation); the first presentation sets the output
-// to its own size with the presenter at the configured place; when it stops, its last frame
-// stays. The conference room takes the room picture's size.
-TEST_F(GstElements, PresenterFollowsTheCameraAndPlacesThePresenter) {
+// A zynvbgpresenter with harnesses on both inputs (camera 320x180, presentation 640x360), set up
+// before it starts.
+struct Presenter {
     GstElement* element = gst_element_factory_make("zynvbgpresenter", nullptr);
-    scratch().configure(element);
+    GstHarness* camera;
+    GstHarness* slides;
+    GstVideoFormat cameraFormat;
+    Presenter(const std::function<void(GstElement*)>& setup, GstVideoFormat cameraFormat,
+              GstVideoFormat slideFormat)
+        : cameraFormat(cameraFormat) {
+        scratch().configure(element);
+        setup(element);
+        camera = gst_harness_new_with_element(element, "camera", "src");
+        slides = gst_harness_new_with_element(element, "presentation", nullptr);
+        gst_harness_set_src_caps_str(
+            camera, CapsFor(gst_video_format_to_string(cameraFormat), kW, kH).c_str());
+        gst_harness_set_src_caps_str(
+            slides, CapsFor(gst_video_format_to_string(slideFormat), 640, 360).c_str());
+    }
+    ~Presenter() {
+        gst_harness_teardown(slides);
+        gst_harness_teardown(camera);
+        gst_object_unref(element);
+    }
+    // One camera frame in, the composed frame out.
+    Picture frame() {
+        EXPECT_EQ(GST_FLOW_OK, gst_harness_push(camera, ToBuffer(Astronaut(), cameraFormat)));
+        return FromBuffer(gst_harness_pull(camera), camera->sinkpad);
+    }
+};
+
+// The overlay layout: camera frames before any presentation come out at once (the camera's size,
+// a black presentation); the first presentation sets the output to its own size with the
+// presenter at the configured place; when it stops, its last frame stays.
+TEST_F(GstElements, PresenterFollowsTheCameraAndPlacesThePresenter) {
     // 320x180 camera at half size on a 640x360 presentation: 160x90 at x = (640 - 160) / 2 +
     // 0.25 * 640 = 400, y = (360 - 90) / 2 + 0 = 135.
-    g_object_set(element, "mode", 1, "size", 0.5, "offset-x", 0.25, "offset-y", 0.0, nullptr);
-    GstHarness* camera = gst_harness_new_with_element(element, "camera", "src");
-    GstHarness* slides = gst_harness_new_with_element(element, "presentation", nullptr);
-    gst_harness_set_src_caps_str(camera, CapsFor("NV12", kW, kH).c_str());
-    gst_harness_set_src_caps_str(slides, CapsFor("I420", 640, 360).c_str());
+    Presenter p(
+        [](GstElement* e) {
+            g_object_set(e, "mode", 1, "size", 0.5, "offset-x", 0.25, "offset-y", 0.0, nullptr);
+        },
+        GST_VIDEO_FORMAT_NV12, GST_VIDEO_FORMAT_I420);
+    Picture out;
     for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(GST_FLOW_OK,
-                  gst_harness_push(camera, ToBuffer(Astronaut(), GST_VIDEO_FORMAT_NV12)));
+        out = p.frame();
+        EXPECT_EQ(kW, out.w);
+        EXPECT_EQ(kH, out.h);
     }
-    Picture out = FromBuffer(gst_harness_pull(camera), camera->sinkpad);
-    EXPECT_EQ(kW, out.w);
-    EXPECT_EQ(kH, out.h);
-    gst_buffer_unref(gst_harness_pull(camera));
-    gst_buffer_unref(gst_harness_pull(camera));
-
     Picture blue{640, 360, std::vector<uint8_t>(640 * 360, 41)};
     blue.i420.resize(640 * 360 + 320 * 180, 240);
     blue.i420.resize(640 * 360 * 3 / 2, 110);
-    ASSERT_EQ(GST_FLOW_OK, gst_harness_push(slides, ToBuffer(blue, GST_VIDEO_FORMAT_I420)));
+    ASSERT_EQ(GST_FLOW_OK, gst_harness_push(p.slides, ToBuffer(blue, GST_VIDEO_FORMAT_I420)));
     for (int i = 0; i < 6; ++i) {
-        ASSERT_EQ(GST_FLOW_OK,
-                  gst_harness_push(camera, ToBuffer(Astronaut(), GST_VIDEO_FORMAT_NV12)));
-        out = FromBuffer(gst_harness_pull(camera), camera->sinkpad);
+        out = p.frame();
     }
     ASSERT_EQ(640, out.w);
     ASSERT_EQ(360, out.h);
@@ -485,14 +507,10 @@ TEST_F(GstElements, PresenterFollowsTheCameraAndPlacesThePresenter) {
     EXPECT_LT(out.mean(1, fx0, fy0, fx1, fy1), 140.0);
     EXPECT_GT(out.mean(1, fx0 - 0.25, fy0, fx1 - 0.25, fy1), 230.0);
     EXPECT_GT(out.mean(1, 0.0, 0.0, 0.1, 0.1), 230.0);
-    EXPECT_EQ(9u, gst_harness_buffers_received(camera));
-    gst_harness_teardown(slides);
-    gst_harness_teardown(camera);
-    gst_object_unref(element);
 }
 
-// The layouts' output sizes: the presentation's for overlay and underlay, the room picture's for
-// the two rooms, whatever the camera's.
+// The layouts' output sizes: the presentation's for underlay, the room picture's for the two
+// rooms, whatever the camera's.
 TEST_F(GstElements, PresenterOutputHasTheLayoutSize) {
     const std::string room = scratch().picture("green", 480, 270);
     const struct {
@@ -501,23 +519,16 @@ TEST_F(GstElements, PresenterOutputHasTheLayoutSize) {
     } cases[] = {{2, 640, 360}, {3, 480, 270}, {4, 480, 270}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.mode);
-        GstElement* element = gst_element_factory_make("zynvbgpresenter", nullptr);
-        scratch().configure(element);
-        g_object_set(element, "mode", c.mode, "room-background", room.c_str(), nullptr);
-        GstHarness* camera = gst_harness_new_with_element(element, "camera", "src");
-        GstHarness* slides = gst_harness_new_with_element(element, "presentation", nullptr);
-        gst_harness_set_src_caps_str(camera, CapsFor("I420", kW, kH).c_str());
-        gst_harness_set_src_caps_str(slides, CapsFor("NV12", 640, 360).c_str());
-        Picture grey{640, 360, std::vector<uint8_t>(640 * 360 * 3 / 2, 128)};
-        ASSERT_EQ(GST_FLOW_OK, gst_harness_push(slides, ToBuffer(grey, GST_VIDEO_FORMAT_NV12)));
-        ASSERT_EQ(GST_FLOW_OK,
-                  gst_harness_push(camera, ToBuffer(Astronaut(), GST_VIDEO_FORMAT_I420)));
-        const Picture out = FromBuffer(gst_harness_pull(camera), camera->sinkpad);
+        Presenter p(
+            [&](GstElement* e) {
+                g_object_set(e, "mode", c.mode, "room-background", room.c_str(), nullptr);
+            },
+            GST_VIDEO_FORMAT_I420, GST_VIDEO_FORMAT_NV12);
+        const Picture grey{640, 360, std::vector<uint8_t>(640 * 360 * 3 / 2, 128)};
+        ASSERT_EQ(GST_FLOW_OK, gst_harness_push(p.slides, ToBuffer(grey, GST_VIDEO_FORMAT_NV12)));
+        const Picture out = p.frame();
         EXPECT_EQ(c.width, out.w);
         EXPECT_EQ(c.height, out.h);
-        gst_harness_teardown(slides);
-        gst_harness_teardown(camera);
-        gst_object_unref(element);
     }
 }
 
