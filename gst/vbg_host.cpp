@@ -225,12 +225,12 @@ std::string EffectInstance::explain(uint32_t status, const std::string& json) co
 }
 
 uint32_t EffectInstance::create(const std::string& json, int mode, std::string& error) {
-    if (handle_ != nullptr) {
-        library_->Destroy(&handle_);
-    }
     const std::optional<std::string> text = prepare(json, mode, error);
     if (!text) {
         return ZYN_STATUS_CONFIG_FAILED;
+    }
+    if (handle_ != nullptr) {
+        library_->Destroy(&handle_);
     }
     uint32_t status = library_->Create(text->c_str(), &handle_);
     if (status == ZYN_STATUS_SUCCESS && handle_ == nullptr) {
@@ -241,10 +241,21 @@ uint32_t EffectInstance::create(const std::string& json, int mode, std::string& 
             library_->Destroy(&handle_);
         }
         error = explain(status, *text);
+        recreateLastGood();
         return status;
     }
     lastGood_ = *text;
     return status;
+}
+
+void EffectInstance::recreateLastGood() {
+    if (handle_ != nullptr) {
+        library_->Destroy(&handle_);
+    }
+    if (!lastGood_.empty() && library_->Create(lastGood_.c_str(), &handle_) != ZYN_STATUS_SUCCESS &&
+        handle_ != nullptr) {
+        library_->Destroy(&handle_);
+    }
 }
 
 uint32_t EffectInstance::update(const std::string& json, int mode, std::string& error) {
@@ -259,16 +270,7 @@ uint32_t EffectInstance::update(const std::string& json, int mode, std::string& 
     }
     error = explain(status, *text);
     // The refused update took the instance with it: go on with the last good configuration.
-    const std::string good = lastGood_;
-    if (handle_ != nullptr) {
-        library_->Destroy(&handle_);
-    }
-    if (!good.empty()) {
-        const uint32_t again = library_->Create(good.c_str(), &handle_);
-        if (again != ZYN_STATUS_SUCCESS && handle_ != nullptr) {
-            library_->Destroy(&handle_);
-        }
-    }
+    recreateLastGood();
     return status == ZYN_STATUS_SUCCESS ? uint32_t{ZYN_STATUS_CONFIG_FAILED} : status;
 }
 

@@ -50,10 +50,11 @@ class EffectInstance {
     // Destroys the instance; the last element to close shuts the library's shared objects down.
     void close();
 
-    // Creates the instance from an effect configuration (JSON text whose "backgroundFile" names
-    // may be any path; they are placed in the file cache). `mode` is the processing mode used
+    // Creates the instance (again) from an effect configuration (JSON text whose "backgroundFile"
+    // names may be any path; they are placed in the file cache). `mode` is the processing mode used
     // when the text has none. Returns the library's status (or ZYN_STATUS_CONFIG_FAILED for a
-    // text or a file refused before the library saw it) and explains a failure in `error`.
+    // text or a file refused before the library saw it) and explains a failure in `error`; after
+    // a refusal the instance of the last configuration that worked (if any) is made again.
     uint32_t create(const std::string& json, int mode, std::string& error);
     // Changes the configuration through the library's update. The library destroys an instance
     // whose update fails: it is then made again from the last configuration that worked, and
@@ -70,6 +71,7 @@ class EffectInstance {
   private:
     std::optional<std::string> prepare(const std::string& json, int mode, std::string& error);
     std::string explain(uint32_t status, const std::string& json) const;
+    void recreateLastGood();
 
     zynvbg::VbgLibrary* library_ = nullptr;
     std::unique_ptr<zynvbg::FileCache> cache_;
