@@ -552,15 +552,17 @@ TEST_F(GstElements, PipeWireCameraNodeRoundTrip) {
     zyn_test::WriteFile(
         script,
         "export XDG_RUNTIME_DIR=" + (dir / "runtime").string() +
-            "\npipewire & PW=$!\nsleep 1\nwireplumber & WP=$!\nsleep 2\n" + GstLaunch() +
-            " filesrc location=" + still.string() +
-            " ! pngdec ! videoconvert ! imagefreeze is-live=true num-buffers=300 ! "
+            "\nwaitfor() { for i in $(seq 100); do eval \"$1\" && return 0; sleep 0.2; done; "
+            "return 1; }\npipewire & PW=$!\nwaitfor 'test -S $XDG_RUNTIME_DIR/pipewire-0'\n"
+            "wireplumber & WP=$!\n" +
+            GstLaunch() + " filesrc location=" + still.string() +
+            " ! pngdec ! videoconvert ! imagefreeze is-live=true num-buffers=900 ! "
             "video/x-raw,framerate=15/1 ! videoconvert ! video/x-raw,format=NV12 ! zynvbg "
             "effect=background background=" +
             scratch().picture("red", 160, 90) + " " + scratch().props() +
             " ! pipewiresink mode=provide client-name=zynvbg-camera "
             "stream-properties='p,media.class=Video/Source,node.name=zynvbg-camera' & SINK=$!\n"
-            "sleep 2\ntimeout 30 " +
+            "waitfor 'pw-cli ls Node | grep -q zynvbg-camera'\ntimeout 30 " +
             GstLaunch() +
             " pipewiresrc target-object=zynvbg-camera "
             "num-buffers=20 ! videoconvert ! video/x-raw,format=I420 ! filesink location=" +
