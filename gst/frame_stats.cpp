@@ -110,12 +110,21 @@ ZynNativeInputFrame RecordOf(const GstVideoFrame* frame) {
     r.height = GST_VIDEO_FRAME_HEIGHT(frame);
     r.format =
         GST_VIDEO_FRAME_FORMAT(frame) == GST_VIDEO_FORMAT_NV12 ? ZYN_FORMAT_NV12 : ZYN_FORMAT_I420;
-    uint8_t** planes[3] = {&r.plane0, &r.plane1, &r.plane2};
-    uint32_t* strides[3] = {&r.stride0, &r.stride1, &r.stride2};
-    for (guint k = 0; k < GST_VIDEO_FRAME_N_PLANES(frame) && k < 3; ++k) {
-        *planes[k] = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(frame, k));
-        *strides[k] = GST_VIDEO_FRAME_PLANE_STRIDE(frame, k);
-    }
+    // The record is packed: its pointer fields are written directly, never through a pointer to
+    // them (they may sit at addresses a uint8_t** must not point at).
+    const guint n = GST_VIDEO_FRAME_N_PLANES(frame);
+    auto plane = [frame, n](guint k) {
+        return k < n ? static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(frame, k)) : nullptr;
+    };
+    auto stride = [frame, n](guint k) {
+        return k < n ? static_cast<uint32_t>(GST_VIDEO_FRAME_PLANE_STRIDE(frame, k)) : 0u;
+    };
+    r.plane0 = plane(0);
+    r.stride0 = stride(0);
+    r.plane1 = plane(1);
+    r.stride1 = stride(1);
+    r.plane2 = plane(2);
+    r.stride2 = stride(2);
     return r;
 }
 
