@@ -28,3 +28,16 @@ if [[ ! -f "$stamp" ]] || ! cmp -s "$stamp" bench/peer/requirements.txt; then
 fi
 
 "$VENV/bin/python" bench/peer/run_bench.py --tool "$BUILD/zynvbg" --out "$ROOT/out/bench" "$@"
+
+# The GStreamer element's cost per frame beyond the library's own processing, when the plugin is
+# built (GStreamer's development packages present).
+if cmake --build "$BUILD" -j2 --target zynvbg_gst_overhead >/dev/null 2>&1; then
+    {
+        echo
+        echo "## GStreamer element overhead"
+        echo
+        for mode in 8 7; do
+            echo "- $("$BUILD/gst/zynvbg_gst_overhead" 200 "$mode" 2>/dev/null | tail -n 1)"
+        done
+    } | tee -a "$ROOT/out/bench/results.md"
+fi

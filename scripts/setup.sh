@@ -22,6 +22,8 @@ APT_PACKAGES=(
     clang libclang-rt-14-dev clang-format
     python3 python3-venv python3-skimage
     nodejs npm
+    libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
+    gstreamer1.0-plugins-base gstreamer1.0-plugins-good pipewire gstreamer1.0-pipewire wireplumber dbus
 )
 missing=()
 for p in "${APT_PACKAGES[@]}"; do
