@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # The installed tree, used the way a developer or a user would:
-#   install_test.sh tree BUILD SOURCE     install into a temporary prefix, build host.c against it
-#       with pkg-config and with find_package, move the tree, then blur from the moved tree (both
-#       hosts, automatic selection through the installed evaluator, zynvbg) with the build folder
-#       and the set-up dependencies out of sight; a missing evaluator or model folder is logged
+#   install_test.sh tree BUILD SOURCE     install into a temporary prefix, move the tree, build
+#       host.c against it with pkg-config and with find_package, then blur from the moved tree
+#       (both hosts, automatic selection through the installed evaluator, zynvbg) with the build
+#       folder and the set-up dependencies out of sight; a missing evaluator or model folder is
+#       logged
 #   install_test.sh package BUILD         build the Debian package and check its contents
 set -euo pipefail
 T="$(mktemp -d)"
@@ -32,13 +33,14 @@ if [[ "$1" == package ]]; then
 fi
 
 BUILD="$2" SOURCE="$3"
+# Installed in one place, used from another: the pkg-config file and the CMake package as well.
 cmake --install "$BUILD" --prefix "$T/p" >/dev/null
-cc -Wall -Werror -o "$T/host-pc" "$SOURCE/tests/install/host.c" \
-    $(PKG_CONFIG_PATH="$T/p/lib/pkgconfig" pkg-config --cflags --libs zynnativevbg)
-cmake -S "$SOURCE/tests/install/consumer" -B "$T/consumer" -DCMAKE_PREFIX_PATH="$T/p" >/dev/null
-cmake --build "$T/consumer" >/dev/null
 mv "$T/p" "$T/moved"
 M="$T/moved"
+cc -Wall -Werror -o "$T/host-pc" "$SOURCE/tests/install/host.c" \
+    $(PKG_CONFIG_PATH="$M/lib/pkgconfig" pkg-config --cflags --libs zynnativevbg)
+cmake -S "$SOURCE/tests/install/consumer" -B "$T/consumer" -DCMAKE_PREFIX_PATH="$M" >/dev/null
+cmake --build "$T/consumer" >/dev/null
 
 config() {  # name, models folder: a library configuration with its own log and cache folders
     mkdir -p "$T/$1/cache"
