@@ -15,7 +15,7 @@ log() { printf '[setup] %s\n' "$*"; }
 
 # --- Debian packages -------------------------------------------------------------------------
 APT_PACKAGES=(
-    build-essential cmake ninja-build pkg-config git
+    build-essential cmake ninja-build pkg-config git file
     libspdlog-dev libfmt-dev rapidjson-dev libyuv-dev
     libavformat-dev libavcodec-dev libswscale-dev libavutil-dev ffmpeg
     libgtest-dev googletest libbenchmark-dev

@@ -2,6 +2,7 @@
 // built library reached only through its exports. The library keeps process-wide state (one
 // initialisation, one evaluation thread, one inference backend), so every library start runs in a
 // child process of its own.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
@@ -273,9 +274,18 @@ TEST(LibraryStart, FirstStartEvaluatesAndWaitsSecondStartReusesTheSelection) {
     constexpr const char* kAutomatic = R"({"processingMode": 3, "effects": [{"name": "blur"}]})";
 
     // First start on a fresh cache: the automatic create waits for the evaluation and uses what it
-    // stored.
+    // stored. The host loaded the library by a relative name and changed its current folder
+    // afterwards: the evaluator is still found from the library's own place.
     const ChildResult first = RunInChild(
-        [&] { return StartCreateAndProcess(folders.config(), kAutomatic, 0, typeReport); },
+        [&] {
+            const fs::path library = zyn_test::LibraryPath();
+            if (chdir(library.parent_path().c_str()) != 0 ||
+                dlopen(("./" + library.filename().string()).c_str(), RTLD_NOW) == nullptr ||
+                chdir(folders.root.path().c_str()) != 0) {
+                return Fail(9, "loading the library by a relative name");
+            }
+            return StartCreateAndProcess(folders.config(), kAutomatic, 0, typeReport);
+        },
         folders.root);
     ASSERT_EQ(first.code, 0) << first.output;
     Selection selection;

@@ -126,7 +126,8 @@ std::string OpenVinoProcessing::PluginConfigPath(uint32_t processingType) {
     if (processingType != 3 && processingType != 4) {
         return {};
     }
-    return (std::filesystem::u8path(Utils::GetLibraryFolder()) / "plugins_cpu.xml").u8string();
+    // Beside the library in the build tree, in its private runtime folder when installed.
+    return Utils::LibraryCompanionPath("plugins_cpu.xml", Utils::Companion::Data);
 }
 
 ov::Core OpenVinoProcessing::CreateCore(const std::string& pluginConfigPath) {

@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -358,7 +359,17 @@ std::string ProcessingTypeEvaluator::EvaluatorProgramPath() {
     if (!limits.programPath.empty()) {
         return limits.programPath;
     }
-    return Utils::GetLibraryFolder() + "/" + kEvaluatorProgramName;
+    // Beside the library in the build tree, in the project's libexec folder when installed.
+    std::string beside;
+    std::string program =
+        Utils::LibraryCompanionPath(kEvaluatorProgramName, Utils::Companion::Program, &beside);
+    std::error_code ec;
+    if (program.empty() || !std::filesystem::is_regular_file(program, ec)) {
+        ZLOG_ERROR("VBG::ProcessingTypeEvaluator::EvaluatorProgramPath",
+                   "Evaluator program not found, looked for {} and {}",
+                   beside.empty() ? std::string(kEvaluatorProgramName) : beside, program);
+    }
+    return program;
 }
 
 std::string ProcessingTypeEvaluator::CommandLine(ProcessingType type) {

@@ -1,5 +1,6 @@
 // The processing-type evaluation: once per library start, a detached thread runs the evaluator
-// program "EvalVBGProcessingType" (installed beside the library) for the candidate processing types
+// program "EvalVBGProcessingType" (beside the library when built, in the project's libexec folder
+// when installed) for the candidate processing types
 // in the automatic order until one works. The program records the verdict in "PT_CONFIG.json" in
 // the file cache folder; running it in a process of its own keeps a crash or a hang of an inference
 // runtime away from the host. Automatic engine creation waits for the evaluation to end.
@@ -39,7 +40,9 @@ class ProcessingTypeEvaluator {
 
     static bool IsEvaluationRunning();
 
-    // The program run for each type: the library's folder joined with "EvalVBGProcessingType".
+    // The program run for each type: "EvalVBGProcessingType" beside the library, else in the
+    // project's libexec folder relative to the library's folder; a log record names both places
+    // when neither holds it.
     static std::string EvaluatorProgramPath();
 
     // The command line as the log records show it: the four arguments, each in double quotes,

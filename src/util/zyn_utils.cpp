@@ -1,6 +1,7 @@
 #include "util/zyn_utils.h"
 
 #include <dlfcn.h>
+#include <link.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -9,9 +10,41 @@
 #include <sstream>
 
 #include "util/log.h"
+#include "zyn_install_layout.h"
 #include "zyn_version.h"
 
 namespace VBG::Utils {
+namespace {
+
+// The folder of the file this code was loaded from, as an absolute path. A library loaded by a
+// relative path is named relative to the current folder of that moment, so this runs while the
+// library is being loaded (see the constructor below) and its answer is kept for the life of the
+// process: a host that changes its current folder later does not move the evaluator program or
+// OpenVINO's plugin list. Linked into a program, the code's file is the program itself.
+std::string ResolveLibraryFolder() {
+    Dl_info info{};
+    link_map* map = nullptr;
+    if (dladdr1(reinterpret_cast<void*>(&ResolveLibraryFolder), &info,
+                reinterpret_cast<void**>(&map), RTLD_DL_LINKMAP) == 0) {
+        return {};
+    }
+    // The main program's entry has no name (dladdr would give argv[0]).
+    const bool inProgram = map == nullptr || map->l_name == nullptr || map->l_name[0] == '\0';
+    std::error_code ec;
+    const auto file = std::filesystem::canonical(inProgram ? "/proc/self/exe" : map->l_name, ec);
+    return ec ? std::string() : file.parent_path().string();
+}
+
+const std::string& LibraryFolder() {
+    static const std::string folder = ResolveLibraryFolder();
+    return folder;
+}
+
+__attribute__((constructor)) void ResolveLibraryFolderAtLoad() {
+    LibraryFolder();
+}
+
+}  // namespace
 
 std::string GetAssetFullPath(const std::string& folder) {
     // The log file name is appended with the platform separator; an empty folder gives the bare
@@ -55,17 +88,26 @@ int32_t processException(const HResultError& error, const std::string& prefix) {
 }
 
 std::string GetLibraryFolder() {
-    Dl_info info{};
-    if (dladdr(reinterpret_cast<void*>(&GetLibraryFolder), &info) == 0 ||
-        info.dli_fname == nullptr) {
+    return LibraryFolder();
+}
+
+std::string LibraryCompanionPath(const std::string& fileName, Companion where,
+                                 std::string* besideLibrary) {
+    const std::filesystem::path folder = std::filesystem::u8path(LibraryFolder());
+    const std::filesystem::path beside = folder / fileName;
+    if (besideLibrary != nullptr) {
+        *besideLibrary = beside.u8string();
+    }
+    if (folder.empty()) {
         return {};
     }
     std::error_code ec;
-    auto path = std::filesystem::weakly_canonical(info.dli_fname, ec);
-    if (ec) {
-        path = info.dli_fname;
+    if (std::filesystem::exists(beside, ec)) {
+        return beside.u8string();
     }
-    return path.parent_path().string();
+    const char* relative =
+        where == Companion::Program ? ZYN_LIBEXEC_FROM_LIBDIR : ZYN_PRIVATE_FROM_LIBDIR;
+    return (folder / relative / fileName).lexically_normal().u8string();
 }
 
 uint64_t ProcessId() {

@@ -37,8 +37,18 @@ ZynNativeVersion ParseProductVersion(const std::string& text);
 // Logs prefix + " HR:{0:X} , message: {1}" at error level and returns the code.
 int32_t processException(const HResultError& error, const std::string& prefix);
 
-// Folder that holds libZYNNativeVBG.so (or the executable the library code is linked into).
+// Absolute folder that holds libZYNNativeVBG.so (or the executable the library code is linked
+// into), resolved once when the library is loaded; empty when it cannot be found.
 std::string GetLibraryFolder();
+
+// A file shipped with the library: beside it in the build tree, else where an installed tree keeps
+// it (programs in the project's libexec folder, data in the private runtime folder), both relative
+// to the library's folder. Returns the installed place when neither exists. besideLibrary, when
+// given, receives the first place looked in. Empty (never a path relative to the current folder)
+// when the library's folder is unknown.
+enum class Companion { Program, Data };
+std::string LibraryCompanionPath(const std::string& fileName, Companion where,
+                                 std::string* besideLibrary = nullptr);
 
 uint64_t ProcessId();
 uint64_t ThreadId();

@@ -4,11 +4,12 @@
 //
 // The library starts this program once per candidate type, in a process of its own, so that a
 // crash or a hang of an inference runtime cannot take the host down. The program loads
-// libZYNNativeVBG.so from its own folder, builds an engine of the named type through the exported
-// functions (a blur effect on the given model), runs a few synthetic camera frames through it and,
-// when every frame came back processed, records the type and the current time in "PT_CONFIG.json"
-// in the file cache folder. It reads no library configuration file: everything it needs is on its
-// command line. Its standard streams are /dev/null when the library runs it.
+// libZYNNativeVBG.so from its own folder (installed: from the library folder), builds an engine of
+// the named type through the exported functions (a blur effect on the given model), runs a few
+// synthetic camera frames through it and, when every frame came back processed, records the type
+// and the current time in "PT_CONFIG.json" in the file cache folder. It reads no library
+// configuration file: everything it needs is on its command line. Its standard streams are
+// /dev/null when the library runs it.
 //
 // Exit codes:
 //   0  the type works; "PT_CONFIG.json" names it
@@ -35,6 +36,7 @@
 
 #include "selection/processing_type.h"
 #include "util/text.h"
+#include "zyn_install_layout.h"
 #include "zyn_native_vbg.h"
 
 namespace {
@@ -53,15 +55,25 @@ enum ExitCode : int {
 constexpr uint32_t kFrameWidth = 640;
 constexpr uint32_t kFrameHeight = 360;
 constexpr int kFrameCount = 5;
+constexpr const char* kLibraryName = "libZYNNativeVBG.so.1";
 
 void report(const std::string& text) {
     std::fprintf(stderr, "EvalVBGProcessingType: %s\n", text.c_str());
 }
 
-std::filesystem::path ownFolder() {
+// The library that started this program: beside it in the build tree, else in the installed
+// library folder relative to the project's libexec folder. Never looked for in the current folder.
+std::filesystem::path libraryPath() {
     std::error_code ec;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
-    return ec ? std::filesystem::path(".") : self.parent_path();
+    if (ec) {
+        return {};
+    }
+    const std::filesystem::path beside = self.parent_path() / kLibraryName;
+    if (std::filesystem::exists(beside, ec)) {
+        return beside;
+    }
+    return (self.parent_path() / ZYN_LIBDIR_FROM_LIBEXEC / kLibraryName).lexically_normal();
 }
 
 struct Library {
@@ -81,6 +93,10 @@ struct Library {
     }
 
     bool load(const std::filesystem::path& path) {
+        if (path.empty()) {
+            report("cannot find the program's own file");
+            return false;
+        }
         handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (handle == nullptr) {
             report(std::string("cannot load the library: ") + dlerror());
@@ -244,7 +260,7 @@ int evaluate(int argc, char** argv) {
     }
 
     Library library;
-    if (!library.load(ownFolder() / "libZYNNativeVBG.so")) {
+    if (!library.load(libraryPath())) {
         return kLibraryUnavailable;
     }
     void* engine = library.create(&settings);

@@ -33,6 +33,7 @@ extern "C" {
 #include "tool_error.h"
 #include "vbg_library.h"
 #include "yuv_frame.h"
+#include "zyn_install_layout.h"
 
 #ifndef ZYNVBG_DEFAULT_MODELS_DIR
 #define ZYNVBG_DEFAULT_MODELS_DIR ""
@@ -155,9 +156,10 @@ fs::path findModels(const Options& o, const fs::path& tool) {
         }
         return fs::absolute(o.models, ec);
     }
-    for (const fs::path& candidate : {tool / "models", fs::path(ZYNVBG_DEFAULT_MODELS_DIR)}) {
+    for (const fs::path& candidate :
+         {tool / "models", tool / ZYN_MODELS_FROM_BINDIR, fs::path(ZYNVBG_DEFAULT_MODELS_DIR)}) {
         if (!candidate.empty() && fs::is_regular_file(candidate / "model.winml", ec)) {
-            return fs::absolute(candidate, ec);
+            return fs::absolute(candidate, ec).lexically_normal();
         }
     }
     throw ToolError(kExitLibraryFailure,

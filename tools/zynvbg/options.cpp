@@ -330,10 +330,11 @@ Output
   -q, --quiet             no progress bar and no summary
 
 Library
-  --library FILE          libZYNNativeVBG.so to load (default: beside zynvbg, then ../lib, then
-                          the system's library path)
-  --models DIR            folder holding model.winml (default: models/ beside zynvbg, else the
-                          models the project's setup script built in .deps/models)
+  --library FILE          libZYNNativeVBG.so to load (default: beside zynvbg, then the installed
+                          library folder (../lib), then the system's library path)
+  --models DIR            folder holding model.winml (default: models/ beside zynvbg, then the
+                          installed ../share/zynvbg/models, else the models the project's setup
+                          script built in .deps/models)
   --work-dir DIR          folder for the library configuration, its log (logs/) and its file
                           cache (cache/) (default: $XDG_CACHE_HOME/zynvbg or ~/.cache/zynvbg)
   --version               print the tool's and the library's versions

@@ -5,12 +5,13 @@
 #include <filesystem>
 
 #include "tool_error.h"
+#include "zyn_install_layout.h"
 
 namespace zynvbg {
 namespace fs = std::filesystem;
 namespace {
 
-constexpr const char* kLibraryName = "libZYNNativeVBG.so";
+constexpr const char* kLibraryName = "libZYNNativeVBG.so.1";
 
 template <typename F>
 void resolve(void* handle, const std::string& path, F& out, const char* name) {
@@ -45,8 +46,9 @@ VbgLibrary::VbgLibrary(const std::string& path) : path_(path) {
 }
 
 std::string FindLibrary(const std::string& toolFolder) {
-    for (const fs::path& candidate : {fs::path(toolFolder) / kLibraryName,
-                                      fs::path(toolFolder) / ".." / "lib" / kLibraryName}) {
+    for (const fs::path& candidate :
+         {fs::path(toolFolder) / kLibraryName,
+          fs::path(toolFolder) / ZYN_LIBDIR_FROM_BINDIR / kLibraryName}) {
         std::error_code ec;
         if (fs::is_regular_file(candidate, ec)) {
             return fs::weakly_canonical(candidate, ec).string();

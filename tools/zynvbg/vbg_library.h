@@ -38,8 +38,8 @@ class VbgLibrary {
     void* handle_ = nullptr;
 };
 
-// Where the library is looked for when --library is not given: beside the tool, in ../lib
-// beside the tool (an installed layout), then the system's library search path.
+// Where the library is looked for when --library is not given: beside the tool (the build tree),
+// in the installed library folder relative to the tool, then the system's library search path.
 std::string FindLibrary(const std::string& toolFolder);
 
 // One effect instance; destroyed (and the library shut down) when the object goes away.
