@@ -186,16 +186,16 @@ int MediaInput::open(const MediaSource& source, ContainerKind kind, int64_t maxP
         // Opened here rather than by FFmpeg: a FIFO or device must not block the caller, and a
         // link must not lead out of the folder the name was checked against.
         std::string why;
-        auto file = std::make_unique<Files::UniqueFd>(Files::OpenForReading(
+        Files::UniqueFd file = Files::OpenForReading(
             source.path, kind == ContainerKind::Picture ? kMaxPictureFileBytes : kMaxVideoFileBytes,
-            Files::FinalLink::Refuse, why));
-        if (!*file) {
+            Files::FinalLink::Refuse, why);
+        if (!file) {
             const int error = errno == EFBIG ? E2BIG : errno;
             ZLOG_ERROR("VBG::Media::MediaInput::open", "Cannot open {}: {}", source.describe(),
                        why);
             return AVERROR(error);
         }
-        file_ = std::move(file);
+        file_ = std::make_unique<Files::UniqueFd>(std::move(file));
         cursor = file_.get();
         readPacket = &ReadFileDescriptor;
         seek = &SeekFileDescriptor;
