@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -309,6 +310,38 @@ TEST_F(BackgroundPictureTest, OversizedPicturesAreRefusedBeforeDecoding) {
         EXPECT_EQ(
             VBG::Media::DecodePicture(VBG::Media::MediaSource::File(Path(name)), true, picture), 0);
     }
+}
+
+// Background files are opened only as regular files, never through a link, and pictures only up
+// to their size limit: a FIFO in the cache folder must not block the caller.
+TEST_F(BackgroundPictureTest, OnlyRegularFilesAreOpenedAndPicturesWithinTheirSize) {
+    using VBG::Media::MediaSource;
+    std::filesystem::create_symlink(Path("scene.png"), Path("link.png"));
+    std::filesystem::create_symlink(Path("clip.mp4"), Path("link.mp4"));
+    VBG::Media::DecodedPicture picture;
+    VBG::Media::MediaInput input;
+    EXPECT_NE(VBG::Media::DecodePicture(MediaSource::File(Path("link.png")), false, picture), 0);
+    EXPECT_LT(input.open(MediaSource::File(Path("link.mp4")), VBG::Media::ContainerKind::Video), 0);
+    EXPECT_EQ(input.open(MediaSource::File(Path("clip.mp4")), VBG::Media::ContainerKind::Video), 0);
+
+    VBG::Media::PictureLimits limits;
+    limits.maxFileBytes = Bytes("scene.png").size();
+    EXPECT_EQ(
+        VBG::Media::DecodePicture(MediaSource::File(Path("scene.png")), false, picture, limits), 0);
+    limits.maxFileBytes -= 1;
+    EXPECT_EQ(
+        VBG::Media::DecodePicture(MediaSource::File(Path("scene.png")), false, picture, limits),
+        AVERROR(E2BIG));
+
+    int status = 0;
+    EXPECT_TRUE(zyn_test::RunsWithoutBlockingOnFifo(Path("fifo.png"), [&] {
+        status = VBG::Media::DecodePicture(MediaSource::File(Path("fifo.png")), false, picture);
+    }));
+    EXPECT_NE(status, 0);
+    EXPECT_TRUE(zyn_test::RunsWithoutBlockingOnFifo(Path("fifo.mp4"), [&] {
+        status = input.open(MediaSource::File(Path("fifo.mp4")), VBG::Media::ContainerKind::Video);
+    }));
+    EXPECT_LT(status, 0);
 }
 
 TEST_F(BackgroundPictureTest, AnimationsKeepTheFramesWithinTheirBudget) {

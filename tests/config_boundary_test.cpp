@@ -79,8 +79,9 @@ TEST(ConfigAtUpdate, RefusedTextsReturnTheirStatusAndLeaveTheHandleNull) {
         {"not json", 3},
         {"{}", 3},
         {R"({"effects": [{"name": "touchUp", "touchUpSigma": "x"}]})", 3},
-        // The feedback branch needs an instance.
+        // The feedback branch needs an instance; an id that names another file is a bad value.
         {R"({"feedback": true, "id": "f2"})", 2},
+        {R"({"feedback": true, "id": "../f2"})", 3},
     };
     for (const auto& c : cases) {
         LogCapture log;

@@ -2,6 +2,8 @@
 // successful read.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "config/config_parser.h"
 #include "support/log_capture.h"
 #include "support/test_paths.h"
@@ -99,4 +101,24 @@ TEST_F(ConfigFile, UnreadableFilesFailWithoutTouchingStoredPaths) {
     EXPECT_TRUE(log_.has(spdlog::level::err, "Config file path is null."));
     EXPECT_EQ("/m0", ConfigParser::ModelsPath());
     EXPECT_EQ("/c0", ConfigParser::FileCachePath());
+}
+
+// Only a regular file of at most 64 KiB is read: a FIFO must not block Init, and a huge file is
+// not taken into memory.
+TEST_F(ConfigFile, OnlySmallRegularFilesAreRead) {
+    const std::string good = config("/m2", "/l2", "/c2");
+    WriteFile(dir_ / "large.json", good + std::string(64 * 1024 - good.size() + 1, ' '));
+    WriteFile(dir_ / "limit.json", good + std::string(64 * 1024 - good.size(), ' '));
+    std::filesystem::create_directory(dir_ / "folder.json");
+    for (const char* name : {"large.json", "folder.json"}) {
+        log_.clear();
+        EXPECT_FALSE(ConfigParser::SetConfig((dir_ / name).c_str())) << name;
+        EXPECT_TRUE(log_.hasFrom(kFn, "Config file open failed.")) << name << log_.dump();
+    }
+    bool read = true;
+    EXPECT_TRUE(zyn_test::RunsWithoutBlockingOnFifo(
+        dir_ / "fifo.json", [&] { read = ConfigParser::SetConfig((dir_ / "fifo.json").c_str()); }));
+    EXPECT_FALSE(read);
+    EXPECT_EQ("/m0", ConfigParser::ModelsPath());
+    EXPECT_TRUE(ConfigParser::SetConfig((dir_ / "limit.json").c_str())) << log_.dump();
 }

@@ -4,6 +4,7 @@
 
 #include <clocale>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -242,6 +243,54 @@ TEST_F(EffectConfig, FormatCodesOfFileNames) {
     EXPECT_EQ(1u, log_.count("filename provided has no extension."));
 }
 
+// Names become paths in the cache folder: anything that could reach another file is a bad value
+// (status 3 at the exports), for the background and the room pictures alike.
+TEST_F(EffectConfig, FileNamesStayInsideTheCacheFolder) {
+    const std::string refused[] = {"/etc/x.png",   "../x.png", "a/../../x.png",
+                                   "sub/../x.png", "..",       "a/..",
+                                   "./../x.png",   "//x.png",  "x\\u0000.png"};
+    const std::string templates[] = {
+        R"({"effects": [{"name": "background", "backgroundFile": "NAME"}]})",
+        R"({"effects": [{"name": "weatherman", "mode": "conferenceroom", "weathermanSize": "1",
+            "backgroundFile": "NAME"}]})",
+        R"({"effects": [{"name": "weatherman", "mode": "newsroom", "weathermanSize": "1",
+            "weathermanPosition": "1", "presentationSize": "1", "backgroundFile": "NAME"}]})"};
+    for (const std::string& name : refused) {
+        for (std::string json : templates) {
+            json.replace(json.find("NAME"), 4, name);
+            SCOPED_TRACE(json);
+            log_.clear();
+            EXPECT_THROW(convert(json.c_str()), std::invalid_argument);
+            EXPECT_EQ(1u, log_.countContaining("Background file name '")) << log_.dump();
+        }
+    }
+    // The record shows the name with its control characters escaped.
+    EXPECT_EQ(1u, log_.countContaining("'x\\x00.png' refused")) << log_.dump();
+
+    // Subfolders, dot files and dots inside a name stay inside.
+    for (const char* name : {"sub/dir/beach.png", ".png", "a..png", "./beach.png", "sub/.b.gif"}) {
+        const std::string json =
+            std::string(R"({"effects": [{"name": "background", "backgroundFile": ")") + name +
+            R"("}]})";
+        EXPECT_TRUE(convert(json.c_str()).effects) << name << log_.dump();
+        EXPECT_EQ(u"/var/cache/zyn/" + std::u16string(name, name + strlen(name)),
+                  field(config_.backgroundFilePath));
+    }
+}
+
+// Room pictures are pictures: the extension rules of the background pictures apply.
+TEST_F(EffectConfig, RoomPicturesNeedAPictureExtension) {
+    for (const char* name : {"room.txt", "room.PNG", "room", "room.mp4"}) {
+        const std::string json =
+            std::string(R"({"effects": [{"name": "weatherman", "mode": "conferenceroom",
+                                         "weathermanSize": "1", "backgroundFile": ")") +
+            name + R"("}]})";
+        log_.clear();
+        EXPECT_FALSE(convert(json.c_str()).weatherman) << name;
+        EXPECT_TRUE(log_.hasFrom(kPresenter, "Invalid file extension.")) << name << log_.dump();
+    }
+}
+
 TEST_F(EffectConfig, TouchUpReadsItsSigma) {
     ConfigSections s = convert(R"({"effects": [{"name": "touchUp", "touchUpSigma": "0.05"}]})");
     EXPECT_TRUE(s.effects);
@@ -475,6 +524,28 @@ TEST_F(EffectConfig, FeedbackAloneSetsOnlyTheFeedbackSection) {
     EXPECT_EQ("session-7", feedback_.id);
     EXPECT_EQ("/var/cache/zyn", feedback_.folder);
     EXPECT_FALSE(log_.contains("No feedback/id found."));
+}
+
+// The id becomes part of file names: only short plain names are taken.
+TEST_F(EffectConfig, FeedbackIdsThatCouldNameAnotherFileAreRefused) {
+    const std::string refused[] = {
+        "/tmp/x", "../x",   "a/b", ".hidden",   "..",           ".", std::string(65, 'a'),
+        "a b",    "a\\\\b", "",    "caf\u00e9", "x\\u0000.json"};
+    for (const std::string& id : refused) {
+        const std::string json =
+            R"({"effects": [{"name": "blur"}], "feedback": true, "id": ")" + id + R"("})";
+        SCOPED_TRACE(json);
+        log_.clear();
+        EXPECT_THROW(convert(json.c_str()), std::invalid_argument);
+        EXPECT_EQ(1u, log_.countContaining("Feedback id '")) << log_.dump();
+    }
+    EXPECT_EQ(1u, log_.countContaining("Feedback id 'x\\x00.json' refused")) << log_.dump();
+
+    for (const std::string& id : {std::string(64, 'Z'), std::string("a.b_C-9"), std::string("7")}) {
+        const std::string json = R"({"feedback": true, "id": ")" + id + R"("})";
+        EXPECT_TRUE(convert(json.c_str()).feedback) << id;
+        EXPECT_EQ(id, feedback_.id);
+    }
 }
 
 TEST_F(EffectConfig, FeedbackWithEffectsAndItsRefusals) {

@@ -240,6 +240,7 @@ TEST(EvaluatorProgram, WorkingCpuTypeIsStoredWithTheCurrentTime) {
     ASSERT_TRUE(ReadSelection(cache / "PT_CONFIG.json", selection))
         << zyn_test::ReadFile(cache / "PT_CONFIG.json");
     EXPECT_EQ(selection.type, "OnnxRuntimeCpu");
+    EXPECT_EQ(zyn_test::PermissionBits(cache / "PT_CONFIG.json"), 0600u);
     EXPECT_GE(selection.time, before);
     EXPECT_LE(selection.time, NowSeconds());
     // Written beside its final name and renamed into place: nothing else is left behind.

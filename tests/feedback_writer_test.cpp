@@ -154,3 +154,27 @@ TEST(FeedbackWriter, FramesOfAnUnknownFormatWriteNothing) {
     EXPECT_FALSE(index.HasMember("raw"));
     EXPECT_TRUE(index.HasMember("final"));
 }
+
+// Dumps hold camera pictures: readable by the owner only, and never written through a link that
+// an entry of the folder already holds.
+TEST(FeedbackWriter, DumpsAreOwnerOnlyAndNoLinkIsFollowed) {
+    TempDir dir("feedback");
+    TempDir elsewhere("feedback-target");
+    zyn_test::WriteFile(elsewhere / "victim", "keep");
+    std::filesystem::create_symlink(elsewhere / "victim", dir / "rawl.bin");
+    std::filesystem::create_symlink(elsewhere / "victim", dir / "l.json");
+    zyn_test::WriteFile(dir / "finall.bin", "older dump");
+    std::filesystem::permissions(dir / "finall.bin", std::filesystem::perms::all);
+    I420Frame raw;
+    const std::vector<uint8_t> mask(6, 7);
+    FeedbackWriter writer;
+    ASSERT_TRUE(writer.Start(dir.str(), "l"));
+    writer.WriteFramesToFile(&raw.record, &raw.record);
+    writer.WriteCurrentMaskToFile(mask.data(), 3, 2);
+    writer.End();
+    EXPECT_EQ("keep", ReadFile(elsewhere / "victim"));
+    EXPECT_EQ(raw.argb(), ReadFile(dir / "finall.bin"));
+    for (const char* name : {"finall.bin", "currentMaskl.bin"}) {
+        EXPECT_EQ(0600u, zyn_test::PermissionBits(dir / name)) << name;
+    }
+}

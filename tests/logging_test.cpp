@@ -49,6 +49,9 @@ TEST(LoggerSetup, FolderFailuresThenOneSetUpThatSticksAndRotates) {
     const fs::path first = root.path() / "first";
     fs::create_directories(first);  // an existing folder is accepted
     ZLOG_INFO("LoggerTest::beforeSetUp", "written before set-up");
+    // A link in the log file's place is replaced, never written through.
+    zyn_test::WriteFile(root.path() / "victim", "keep");
+    fs::create_symlink(root.path() / "victim", first / "ZYNNativeVBG.log");
 
     logger::InitLogger(first.string());
     ASSERT_TRUE(logger::IsInitialised());
@@ -81,5 +84,7 @@ TEST(LoggerSetup, FolderFailuresThenOneSetUpThatSticksAndRotates) {
     EXPECT_EQ(4u, countLogFiles(first));
     for (const auto& entry : fs::directory_iterator(first)) {
         EXPECT_LE(fs::file_size(entry.path()), logger::kMaxFileSize + 2048) << entry.path();
+        EXPECT_EQ(0600u, zyn_test::PermissionBits(entry.path())) << entry.path();
     }
+    EXPECT_EQ("keep", zyn_test::ReadFile(root.path() / "victim"));
 }

@@ -394,11 +394,18 @@ TEST(GpuLockFile, ExistsWithItsTextWhileHeldAndIsRemovedAfter) {
         auto lock = CreateGpuLockFile();
         ASSERT_NE(nullptr, lock);
         EXPECT_EQ("GPU lock file!\n", zyn_test::ReadFile(lockPath));
+        EXPECT_EQ(0600u, zyn_test::PermissionBits(lockPath));
         // A second lock truncates rather than appends.
         auto again = CreateGpuLockFile();
         EXPECT_EQ("GPU lock file!\n", zyn_test::ReadFile(lockPath));
     }
     EXPECT_FALSE(fs::exists(lockPath));
+
+    // A link in its place is not written through.
+    zyn_test::WriteFile(dir / "victim", "keep");
+    fs::create_symlink(dir / "victim", lockPath);
+    { auto lock = CreateGpuLockFile(); }
+    EXPECT_EQ("keep", zyn_test::ReadFile(dir / "victim"));
 
     // A cache folder that does not exist: nothing is made and nothing is thrown.
     ConfigureFileCache(dir, dir / "missing");

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -240,13 +241,38 @@ TEST_F(StoredSelection, MalformedFilesReadAsNoSelectionWithOneError) {
     }
 }
 
-TEST_F(StoredSelection, AFolderInPlaceOfTheFileIsMalformed) {
-    std::filesystem::create_directory(dir_ / "PT_CONFIG.json");
-    ProcessingTypeInitializer reader(dir_.str());
-    EXPECT_TRUE(reader.ConfigFileExists());
-    const ProcessingTypeDetails d = reader.GetSelectedProcessingTypeDetails();
-    EXPECT_EQ(VBG::PtAuto, d.type);
-    EXPECT_EQ(1u, log_.records().size()) << log_.dump();
+// Only a regular file of at most 64 KiB is read; a FIFO in its place must not block the reader.
+TEST_F(StoredSelection, EntriesOtherThanASmallRegularFileAreMalformed) {
+    const std::string good = selection("OpenVinoCpu", "1700000000");
+    const std::function<void(const std::filesystem::path&)> makers[] = {
+        [](const std::filesystem::path& p) { std::filesystem::create_directory(p); },
+        [&](const std::filesystem::path& p) {
+            WriteFile(p, good + std::string(64 * 1024 - good.size() + 1, ' '));
+        },
+        [&](const std::filesystem::path& p) {
+            WriteFile(dir_ / "elsewhere.json", good);
+            std::filesystem::create_symlink(dir_ / "elsewhere.json", p);
+        },
+        nullptr,  // a FIFO
+    };
+    for (const auto& make : makers) {
+        std::filesystem::remove_all(dir_ / "PT_CONFIG.json");
+        log_.clear();
+        ProcessingTypeDetails d;
+        if (make) {
+            make(dir_ / "PT_CONFIG.json");
+            d = read();
+        } else {
+            EXPECT_TRUE(
+                zyn_test::RunsWithoutBlockingOnFifo(dir_ / "PT_CONFIG.json", [&] { d = read(); }));
+        }
+        EXPECT_EQ(VBG::PtAuto, d.type);
+        ASSERT_EQ(1u, log_.records().size()) << log_.dump();
+        EXPECT_EQ(spdlog::level::err, log_.records()[0].level);
+    }
+    std::filesystem::remove_all(dir_ / "PT_CONFIG.json");
+    WriteFile(dir_ / "PT_CONFIG.json", good + std::string(64 * 1024 - good.size(), ' '));
+    EXPECT_TRUE(read().isValid);
 }
 
 TEST_F(StoredSelection, NonAsciiFolderAndTrailingSeparator) {

@@ -148,6 +148,9 @@ TEST_F(SettingsConversion, DiskFileExtensionsDecideImageOrVideo) {
         EXPECT_EQ(2u, settings_.bt);
         EXPECT_EQ(file, field(settings_.backgroundImageFile));
     }
+    // A file named only by its extension: the configuration accepts it, so the conversion does.
+    ASSERT_TRUE(convert(backgroundConfig(1, 1, u"/c/.png"))) << log_.dump();
+    EXPECT_EQ(2u, settings_.bt);
     for (const char16_t* ext : {u"m4v", u"mp4", u"ogm", u"ogv", u"webm"}) {
         const std::u16string file = u"/c/clip." + std::u16string(ext);
         ASSERT_TRUE(convert(backgroundConfig(1, 4, file))) << log_.dump();

@@ -3,16 +3,17 @@
 #include <rapidjson/document.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 
 #include "config/effect_config.h"
+#include "util/file_access.h"
 #include "util/log.h"
 #include "util/text.h"
 
 namespace VBG {
 namespace {
+
+constexpr uint64_t kMaxConfigFileBytes = 64 * 1024;
 
 struct StoredPaths {
     std::mutex mutex;
@@ -58,13 +59,15 @@ bool ConfigParser::SetConfig(const char* path) {
         ZLOG_ERROR("VBG::ConfigParser::SetConfig", "Config file path is null.");
         return false;
     }
-    std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
-    if (!file.is_open()) {
+    // Only a regular file is read (a FIFO would block Init), and only up to a size no real
+    // configuration comes near. The host names the file: a link to it is followed.
+    std::string text;
+    std::string why;
+    if (!Files::ReadSmallFile(path, kMaxConfigFileBytes, Files::FinalLink::Follow, text, why)) {
+        ZLOG_ERROR("VBG::ConfigParser::SetConfig", "Config file {} cannot be read: {}", path, why);
         ZLOG_ERROR("VBG::ConfigParser::SetConfig", "Config file open failed.");
         return false;
     }
-    const std::string text((std::istreambuf_iterator<char>(file)),
-                           std::istreambuf_iterator<char>());
     rapidjson::Document doc;
     doc.Parse(text.c_str(), text.size());
     if (doc.HasParseError() || !doc.IsObject()) {

@@ -3,8 +3,8 @@
 #include <locale.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <filesystem>
 #include <stdexcept>
 
 #include "util/log.h"
@@ -45,10 +45,49 @@ bool readInt(const rapidjson::Value& effect, const char* key, int32_t& value) {
     return true;
 }
 
-bool readPath(const rapidjson::Value& effect, const char* key, const std::string& fileCachePath,
-              char16_t* field) {
+// At most 128 bytes of a refused value, with control characters, DEL and "\\" written as \xNN,
+// so that the record can neither be forged into several nor flood the log.
+std::string escapedForLog(std::string_view text) {
+    constexpr size_t kShown = 128;
+    std::string out;
+    for (size_t i = 0; i < text.size() && i < kShown; ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c == 0x7F || c == '\\') {
+            out += fmt::format("\\x{:02X}", c);
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    if (text.size() > kShown) {
+        out += "...";
+    }
+    return out;
+}
+
+// Names and ids become file paths: one that could reach another file is a bad configuration
+// value, refused like a number that does not convert.
+void checkFileName(const char* fn, const std::string& name) {
+    if (!IsCacheFileName(name)) {
+        ZLOG_ERROR(fn,
+                   "Background file name '{}' refused: a relative path inside the file cache "
+                   "folder is expected",
+                   escapedForLog(name));
+        throw std::invalid_argument("background file name refused");
+    }
+}
+
+// Room pictures are pictures: the extension rules of the picture backgrounds.
+bool readPicturePath(const rapidjson::Value& effect, const char* key,
+                     const std::string& fileCachePath, char16_t* field) {
+    constexpr const char* fn = "VBG::ParseWeathermanConfig";
     std::string name;
     if (!GetValue(effect, key, name)) {
+        return false;
+    }
+    checkFileName(fn, name);
+    const uint32_t format = GetFormatTypeFromFilename(name);
+    if (format != FormatPng && format != FormatJpeg && format != FormatGif) {
+        ZLOG_ERROR(fn, "Invalid file extension.");
         return false;
     }
     copyPath(field, CacheFilePath(fileCachePath, name));
@@ -57,13 +96,19 @@ bool readPath(const rapidjson::Value& effect, const char* key, const std::string
 
 }  // namespace
 
+std::string_view FileNameExtension(std::string_view path) {
+    const size_t slash = path.rfind('/');
+    const std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
+    const size_t dot = name.rfind('.');
+    return dot == std::string_view::npos ? std::string_view() : name.substr(dot);
+}
+
 uint32_t GetFormatTypeFromFilename(const std::string& filename) {
-    const size_t dot = filename.rfind('.');
-    if (dot == std::string::npos) {
+    if (filename.find('.') == std::string::npos) {
         ZLOG_ERROR("VBG::GetFormatTypeFromFilename", "filename provided has no extension.");
         return FormatNone;
     }
-    const std::string extension = filename.substr(dot);
+    const std::string_view extension = FileNameExtension(filename);
     if (extension == ".png") {
         return FormatPng;
     }
@@ -86,6 +131,38 @@ uint32_t GetFormatTypeFromFilename(const std::string& filename) {
         return FormatWebm;
     }
     return FormatNone;
+}
+
+bool IsCacheFileName(std::string_view name) {
+    if (!name.empty() && name.front() == '/') {
+        return false;
+    }
+    if (name.find('\0') != std::string_view::npos) {
+        return false;
+    }
+    size_t start = 0;
+    while (start <= name.size()) {
+        const size_t end = std::min(name.find('/', start), name.size());
+        if (name.substr(start, end - start) == "..") {
+            return false;
+        }
+        start = end + 1;
+    }
+    return true;
+}
+
+bool IsFeedbackId(std::string_view id) {
+    if (id.empty() || id.size() > 64 || id.front() == '.') {
+        return false;
+    }
+    for (const char c : id) {
+        const bool allowed = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                             (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
+        if (!allowed) {
+            return false;
+        }
+    }
+    return true;
 }
 
 bool GetValue(const rapidjson::Value& effect, const char* key, std::string& value) {
@@ -157,6 +234,7 @@ bool ParseVbgConfig(const rapidjson::Value& effects, const std::string& fileCach
                 return false;
             }
             const std::string fileName(file->value.GetString(), file->value.GetStringLength());
+            checkFileName(fn, fileName);
             config.backgroundDataSource = 1;
             copyPath(config.backgroundFilePath, CacheFilePath(fileCachePath, fileName));
             config.backgroundFormat = GetFormatTypeFromFilename(fileName);
@@ -224,14 +302,15 @@ bool ParseWeathermanConfig(const rapidjson::Value& effects, const std::string& f
         if (!readFloat(effect, "weathermanSize", settings.newsroomSize) ||
             !readInt(effect, "weathermanPosition", settings.newsroomPosition) ||
             !readFloat(effect, "presentationSize", settings.newsroomPresentationSize) ||
-            !readPath(effect, "backgroundFile", fileCachePath, settings.newsroomBackgroundFile)) {
+            !readPicturePath(effect, "backgroundFile", fileCachePath,
+                             settings.newsroomBackgroundFile)) {
             return false;
         }
     } else if (mode == "conferenceroom") {
         settings.mode = 4;
         if (!readFloat(effect, "weathermanSize", settings.conferenceroomSize) ||
-            !readPath(effect, "backgroundFile", fileCachePath,
-                      settings.conferenceroomBackgroundFile)) {
+            !readPicturePath(effect, "backgroundFile", fileCachePath,
+                             settings.conferenceroomBackgroundFile)) {
             return false;
         }
     } else {
@@ -256,8 +335,16 @@ bool ParseZynFeedbackConfig(const rapidjson::Value& document, const std::string&
         ZLOG_ERROR(fn, "feedback set to false.");
         return false;
     }
+    const std::string_view value(id->value.GetString(), id->value.GetStringLength());
+    if (!IsFeedbackId(value)) {
+        ZLOG_ERROR(fn,
+                   "Feedback id '{}' refused: 1 to 64 characters of A-Z, a-z, 0-9, '.', '_' and "
+                   "'-', not starting with '.', are expected",
+                   escapedForLog(value));
+        throw std::invalid_argument("feedback id refused");
+    }
     feedback.folder = fileCachePath;
-    feedback.id.assign(id->value.GetString(), id->value.GetStringLength());
+    feedback.id.assign(value.data(), value.size());
     return true;
 }
 

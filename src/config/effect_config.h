@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "config/config_parser.h"
 #include "zyn_native_vbg.h"
@@ -26,10 +27,23 @@ enum BackgroundFormat : uint32_t {
     FormatWebm = 7,
 };
 
-// The format code of a file name, from the text after its last "." (".png", ".jpg", ".jpeg",
-// ".gif", ".mp4", ".ogv", ".mov", ".webm", compared case-sensitively); 0 for anything else. A name
-// without any "." logs "filename provided has no extension.".
+// The extension of the last component of a path, with its dot: the text from the last "." of
+// the file name on (".png" for "a/b.png" and for ".png", "." for "a.", empty for "a" or "v1.5/a").
+// The one rule for both the configuration and the settings conversion.
+std::string_view FileNameExtension(std::string_view path);
+
+// The format code of a file name, from its extension (".png", ".jpg", ".jpeg", ".gif", ".mp4",
+// ".ogv", ".mov", ".webm", compared case-sensitively); 0 for anything else. A name without any "."
+// logs "filename provided has no extension.".
 uint32_t GetFormatTypeFromFilename(const std::string& filename);
+
+// Whether a background file name from a configuration stays inside the cache folder: a relative
+// path (subfolders allowed) without a ".." component or a NUL.
+bool IsCacheFileName(std::string_view name);
+
+// Whether a feedback id may become part of file names: 1 to 64 characters of A-Z, a-z, 0-9, ".",
+// "_" and "-", not starting with ".".
+bool IsFeedbackId(std::string_view id);
 
 // Reads the string member `key` of an effect element into `value`; a missing key (or a value that
 // is not a string) logs "Effect does not have {key}" and returns false.
@@ -54,12 +68,14 @@ bool ParseVbgConfig(const rapidjson::Value& effects, const std::string& fileCach
                     ZynNativeConfig& config);
 
 // Fills `settings` from the first "weatherman" element of `effects` and its "mode"; false when
-// there is none, the mode is unknown or one of the mode's keys is missing.
+// there is none, the mode is unknown, one of the mode's keys is missing or a room picture has no
+// picture extension. A file name that leaves the cache folder raises std::invalid_argument (the
+// effect parser too).
 bool ParseWeathermanConfig(const rapidjson::Value& effects, const std::string& fileCachePath,
                            ZynNativeWeathermanSettings& settings);
 
 // Fills `feedback` when the document has "feedback": true and an "id"; false otherwise (with an
-// error record either way it fails).
+// error record either way it fails). An id that IsFeedbackId refuses raises std::invalid_argument.
 bool ParseZynFeedbackConfig(const rapidjson::Value& document, const std::string& fileCachePath,
                             ZynFeedbackSettings& feedback);
 

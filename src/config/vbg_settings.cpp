@@ -1,7 +1,6 @@
 #include "config/vbg_settings.h"
 
 #include <array>
-#include <filesystem>
 #include <string_view>
 
 #include "config/effect_config.h"
@@ -145,13 +144,14 @@ bool ConvertToVBGSettings(const ZynNativeConfig& config, VBGSettings& settings) 
         case 1: {
             settings.imageOrVideoDataSource = 1;
             const std::string file = Text::FieldToUtf8(config.backgroundFilePath, ZYN_PATH_CHARS);
-            // The extension of the file name part only; a dot in a folder name does not count.
-            const std::string dotted = std::filesystem::u8path(file).extension().u8string();
+            // The extension of the file name part only (a dot in a folder name does not count),
+            // by the same rule as the configuration's, so that every name it accepts gets here.
+            const std::string_view dotted = FileNameExtension(file);
             if (dotted.empty()) {
                 ZLOG_INFO(fn, "File extension not available, file:{}", file);
                 return false;
             }
-            const std::string extension = dotted.substr(1);
+            const std::string extension(dotted.substr(1));
             if (listed(kImageExtensions, extension)) {
                 settings.bt = BtImage;
             } else if (listed(kVideoExtensions, extension)) {

@@ -4,10 +4,12 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <fcntl.h>
+
 #include <filesystem>
-#include <fstream>
 #include <vector>
 
+#include "util/file_access.h"
 #include "util/log.h"
 
 namespace VBG {
@@ -83,9 +85,19 @@ void FeedbackWriter::writeFile(const char* tag, const uint8_t* data, size_t size
     entry.AddMember("width", width, alloc);
     entry.AddMember("height", height, alloc);
     index_->AddMember(rapidjson::Value(tag, alloc), entry, alloc);
-    // Open and write failures are left to the stream: the request goes on.
-    std::ofstream out(std::filesystem::u8path(folder_) / name, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+    writeOwnerOnly(name, data, size);
+}
+
+void FeedbackWriter::writeOwnerOnly(const std::string& name, const void* data, size_t size) {
+    // Dumps hold camera pictures: owner-only files, never written through a link. A failure is
+    // logged and the request goes on.
+    const std::string path = (std::filesystem::u8path(folder_) / name).u8string();
+    std::string why;
+    const Files::UniqueFd fd = Files::CreateOwnerOnly(path, O_TRUNC, why);
+    if (!fd || !Files::WriteAll(fd.get(), data, size)) {
+        ZLOG_ERROR("VBG::FeedbackWriter::writeOwnerOnly", "Feedback file {} not written: {}", path,
+                   fd ? std::string("write failed") : why);
+    }
 }
 
 void FeedbackWriter::End() {
@@ -93,8 +105,7 @@ void FeedbackWriter::End() {
         rapidjson::StringBuffer buffer;
         rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
         index_->Accept(writer);
-        std::ofstream out(std::filesystem::u8path(folder_) / (id_ + ".json"), std::ios::trunc);
-        out << buffer.GetString();
+        writeOwnerOnly(id_ + ".json", buffer.GetString(), buffer.GetSize());
     }
     const std::string id = id_;
     folder_.clear();

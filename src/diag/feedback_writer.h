@@ -30,6 +30,7 @@ class FeedbackWriter {
     void writeFrame(const char* tag, const ZynNativeInputFrame* frame);
     void writeFile(const char* tag, const uint8_t* data, size_t size, uint32_t width,
                    uint32_t height);
+    void writeOwnerOnly(const std::string& name, const void* data, size_t size);
 
     std::string folder_;
     std::string id_;

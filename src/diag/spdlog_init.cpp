@@ -3,12 +3,14 @@
 #include <spdlog/async.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <stdexcept>
 
+#include "util/file_access.h"
 #include "util/log.h"
 #include "util/zyn_utils.h"
 
@@ -33,6 +35,18 @@ int folderErrorCode(int error) {
     }
 }
 
+// Runs before every open of the log file (at set-up and after each rotation): the file is made
+// here, owner-only and never through a link, so that the logging library's own open finds a
+// plain file of ours. A link, FIFO or device in its place is removed first; the name is ours.
+void prepareLogFile(const spdlog::filename_t& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+        ::unlink(path.c_str());
+    }
+    std::string why;
+    (void)VBG::Files::CreateOwnerOnly(path, 0, why);
+}
+
 }  // namespace
 
 void InitLogger(const std::string& folder) {
@@ -45,8 +59,10 @@ void InitLogger(const std::string& folder) {
                                  std::to_string(folderErrorCode(errno)));
     }
     const std::string file = VBG::Utils::GetAssetFullPath(folder);
-    auto sink =
-        std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file, kMaxFileSize, kMaxFiles);
+    spdlog::file_event_handlers handlers;
+    handlers.before_open = prepareLogFile;
+    auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file, kMaxFileSize,
+                                                                       kMaxFiles, false, handlers);
     spdlog::init_thread_pool(kQueueSize, 1);
     auto log = std::make_shared<spdlog::async_logger>("ZYN", sink, spdlog::thread_pool(),
                                                       spdlog::async_overflow_policy::block);

@@ -9,8 +9,11 @@ extern "C" {
 }
 
 #include <libyuv/convert_argb.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -51,6 +54,31 @@ int ReadMemory(void* opaque, uint8_t* buffer, int bufferSize) {
     std::memcpy(buffer, cursor->data + cursor->position, static_cast<size_t>(count));
     cursor->position += count;
     return count;
+}
+
+int ReadFileDescriptor(void* opaque, uint8_t* buffer, int bufferSize) {
+    const int fd = static_cast<Files::UniqueFd*>(opaque)->get();
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, static_cast<size_t>(bufferSize));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            return AVERROR(errno);
+        }
+        return n == 0 ? AVERROR_EOF : static_cast<int>(n);
+    }
+}
+
+int64_t SeekFileDescriptor(void* opaque, int64_t offset, int whence) {
+    const int fd = static_cast<Files::UniqueFd*>(opaque)->get();
+    whence &= ~AVSEEK_FORCE;
+    if (whence == AVSEEK_SIZE) {
+        struct stat st {};
+        return ::fstat(fd, &st) == 0 ? static_cast<int64_t>(st.st_size) : AVERROR(errno);
+    }
+    const off_t at = ::lseek(fd, static_cast<off_t>(offset), whence);
+    return at < 0 ? AVERROR(errno) : static_cast<int64_t>(at);
 }
 
 int64_t SeekMemory(void* opaque, int64_t offset, int whence) {
@@ -127,7 +155,7 @@ MediaSource MediaSource::Memory(const uint8_t* bytes, size_t byteCount) {
 }
 
 std::string MediaSource::describe() const {
-    if (inMemory) {
+    if (inMemory && path.empty()) {
         return fmt::format("memory data of {} bytes", size);
     }
     return fmt::format("file '{}'", path);
@@ -138,8 +166,12 @@ int MediaInput::open(const MediaSource& source, ContainerKind kind, int64_t maxP
     QuietFfmpegLog();
     format_.reset();
     io_.reset();
+    file_.reset();
     memory_.reset();
 
+    void* cursor = nullptr;
+    int (*readPacket)(void*, uint8_t*, int) = nullptr;
+    int64_t (*seek)(void*, int64_t, int) = nullptr;
     if (source.inMemory) {
         if (source.data == nullptr || source.size == 0 ||
             source.size > static_cast<size_t>(INT64_MAX)) {
@@ -150,19 +182,38 @@ int MediaInput::open(const MediaSource& source, ContainerKind kind, int64_t maxP
         memory_ = std::make_unique<MemoryCursor>();
         memory_->data = source.data;
         memory_->size = static_cast<int64_t>(source.size);
-        auto* buffer = static_cast<unsigned char*>(av_malloc(kIoBufferSize));
-        if (buffer == nullptr) {
-            return AVERROR(ENOMEM);
-        }
-        io_.reset(avio_alloc_context(buffer, kIoBufferSize, 0, memory_.get(), &ReadMemory, nullptr,
-                                     &SeekMemory));
-        if (!io_) {
-            av_free(buffer);
-            return AVERROR(ENOMEM);
-        }
+        cursor = memory_.get();
+        readPacket = &ReadMemory;
+        seek = &SeekMemory;
     } else if (source.path.empty()) {
         ZLOG_ERROR("VBG::Media::MediaInput::open", "No file to decode");
         return AVERROR(EINVAL);
+    } else {
+        // Opened here rather than by FFmpeg: a FIFO or device must not block the caller, and a
+        // link must not lead out of the folder the name was checked against.
+        std::string why;
+        Files::UniqueFd file = Files::OpenForReading(
+            source.path, kind == ContainerKind::Picture ? kMaxPictureFileBytes : kMaxVideoFileBytes,
+            Files::FinalLink::Refuse, why);
+        if (!file) {
+            const int error = errno == EFBIG ? E2BIG : errno;
+            ZLOG_ERROR("VBG::Media::MediaInput::open", "Cannot open {}: {}", source.describe(),
+                       why);
+            return AVERROR(error);
+        }
+        file_ = std::make_unique<Files::UniqueFd>(std::move(file));
+        cursor = file_.get();
+        readPacket = &ReadFileDescriptor;
+        seek = &SeekFileDescriptor;
+    }
+    auto* buffer = static_cast<unsigned char*>(av_malloc(kIoBufferSize));
+    if (buffer == nullptr) {
+        return AVERROR(ENOMEM);
+    }
+    io_.reset(avio_alloc_context(buffer, kIoBufferSize, 0, cursor, readPacket, nullptr, seek));
+    if (!io_) {
+        av_free(buffer);
+        return AVERROR(ENOMEM);
     }
 
     const AVInputFormat* inputFormat = nullptr;
@@ -178,10 +229,8 @@ int MediaInput::open(const MediaSource& source, ContainerKind kind, int64_t maxP
     if (context == nullptr) {
         return AVERROR(ENOMEM);
     }
-    if (io_) {
-        context->pb = io_.get();
-        context->flags |= AVFMT_FLAG_CUSTOM_IO;
-    }
+    context->pb = io_.get();
+    context->flags |= AVFMT_FLAG_CUSTOM_IO;
     std::unique_ptr<AVDictionary, DictionaryDeleter> options;
     {
         AVDictionary* raw = nullptr;
@@ -196,11 +245,9 @@ int MediaInput::open(const MediaSource& source, ContainerKind kind, int64_t maxP
         }
         options.reset(raw);
     }
-    // The "file:" prefix keeps a path that looks like a URL or a protocol name a plain file.
-    const std::string url = source.inMemory ? std::string() : "file:" + source.path;
+    // Both kinds of source are read through the custom I/O context: FFmpeg opens no file itself.
     AVDictionary* rawOptions = options.release();
-    int rc = avformat_open_input(&context, source.inMemory ? nullptr : url.c_str(), inputFormat,
-                                 &rawOptions);
+    int rc = avformat_open_input(&context, nullptr, inputFormat, &rawOptions);
     options.reset(rawOptions);
     if (rc < 0) {
         // avformat_open_input frees the context itself on failure.

@@ -17,6 +17,8 @@ extern "C" {
 #include <memory>
 #include <string>
 
+#include "util/file_access.h"
+
 namespace VBG::Media {
 
 struct FormatContextDeleter {
@@ -61,9 +63,12 @@ std::string AvErrorText(int errorCode);
 // Largest picture or video frame the background sources accept.
 constexpr int kMaxSide = 16384;
 constexpr int64_t kMaxPixels = 64LL * 1024 * 1024;
+// Largest picture file (read whole) and video file (read as it plays) opened.
+constexpr uint64_t kMaxPictureFileBytes = uint64_t{64} * 1024 * 1024;
+constexpr uint64_t kMaxVideoFileBytes = uint64_t{4} * 1024 * 1024 * 1024;
 
 // Where a background comes from: a file, or bytes owned by the host that stay valid while the
-// source is in use.
+// source is in use. Bytes read from a file keep its path, for the records.
 struct MediaSource {
     std::string path;
     const uint8_t* data = nullptr;
@@ -81,12 +86,14 @@ struct MediaSource {
 enum class ContainerKind { Picture, Video };
 
 // An opened container. The members are destroyed in reverse order: the demuxer first, then the
-// custom I/O context, then the memory cursor it reads through.
+// custom I/O context, then the file or memory cursor it reads through.
 class MediaInput {
   public:
     // Opens the source with the named demuxer (found by probing when none is named) and reads its
-    // stream information, decoding no frame larger than `maxPixels` while doing so. Returns 0 or
-    // an FFmpeg error code; every failure is logged with the source and the error text.
+    // stream information, decoding no frame larger than `maxPixels` while doing so. A file is
+    // opened only as a regular file within its kind's size limit, never through a final link.
+    // Returns 0 or an FFmpeg error code; every failure is logged with the source and the error
+    // text.
     int open(const MediaSource& source, ContainerKind kind, int64_t maxPixels = kMaxPixels,
              const char* demuxer = nullptr);
 
@@ -100,6 +107,7 @@ class MediaInput {
 
   private:
     std::unique_ptr<MemoryCursor> memory_;
+    std::unique_ptr<Files::UniqueFd> file_;
     AvioContextPtr io_;
     FormatContextPtr format_;
 };

@@ -8,18 +8,15 @@ extern "C" {
 #include <cerrno>
 #include <cstring>
 #include <deque>
-#include <fstream>
+#include <string>
 #include <vector>
 
+#include "util/file_access.h"
 #include "util/log.h"
 
 namespace VBG::Media {
 
 namespace {
-
-// Bytes of a picture file read to find its size: room for the metadata segments a JPEG may carry
-// before its frame header.
-constexpr size_t kHeaderBytes = 256 * 1024;
 
 bool Exceeds(int64_t width, int64_t height, const PictureLimits& limits) {
     return width > limits.maxSide || height > limits.maxSide || width * height > limits.maxPixels;
@@ -127,21 +124,6 @@ void LogRefusedSize(const MediaSource& source, int64_t width, int64_t height,
                "Picture of {}x{} from {} refused: the limits are {} pixels per side and {} "
                "pixels in all",
                width, height, source.describe(), limits.maxSide, limits.maxPixels);
-}
-
-// Reads the first bytes of a picture file into `head`. False (logged) when the file cannot be read.
-bool ReadFileHead(const MediaSource& source, std::vector<uint8_t>& head) {
-    std::ifstream file(source.path, std::ios::binary);
-    if (!file) {
-        const int error = errno;
-        ZLOG_ERROR("VBG::Media::DecodePicture", "Cannot open {}: {}", source.describe(),
-                   AvErrorText(AVERROR(error)));
-        return false;
-    }
-    head.resize(kHeaderBytes);
-    file.read(reinterpret_cast<char*>(head.data()), static_cast<std::streamsize>(head.size()));
-    head.resize(static_cast<size_t>(std::max<std::streamsize>(file.gcount(), 0)));
-    return true;
 }
 
 // The delay stored in the Graphic Control Extension of a GIF frame's packet, in hundredths of a
@@ -282,17 +264,28 @@ class FrameCollector {
 
 }  // namespace
 
-int DecodePicture(const MediaSource& source, bool allFrames, DecodedPicture& picture,
+int DecodePicture(const MediaSource& given, bool allFrames, DecodedPicture& picture,
                   const PictureLimits& limits) {
     picture = DecodedPicture();
-    const char* demuxer = nullptr;
-    if (!source.inMemory || (source.data != nullptr && source.size > 0)) {
-        std::vector<uint8_t> fileHead;
-        if (!source.inMemory && !ReadFileHead(source, fileHead)) {
-            return AVERROR(ENOENT);
+    // A file is read whole, once, as a regular file within the size limit and never through a
+    // final link, and decoded from memory: FFmpeg opens nothing itself.
+    std::string contents;
+    MediaSource source = given;
+    if (!given.inMemory) {
+        std::string why;
+        if (!Files::ReadSmallFile(given.path, limits.maxFileBytes, Files::FinalLink::Refuse,
+                                  contents, why)) {
+            const int error = errno == EFBIG ? E2BIG : errno;
+            ZLOG_ERROR("VBG::Media::DecodePicture", "Cannot open {}: {}", given.describe(), why);
+            return AVERROR(error);
         }
-        const PictureHeader header = source.inMemory ? ReadHeader(source.data, source.size)
-                                                     : ReadHeader(fileHead.data(), fileHead.size());
+        source =
+            MediaSource::Memory(reinterpret_cast<const uint8_t*>(contents.data()), contents.size());
+        source.path = given.path;
+    }
+    const char* demuxer = nullptr;
+    if (source.data != nullptr && source.size > 0) {
+        const PictureHeader header = ReadHeader(source.data, source.size);
         demuxer = DemuxerName(header.format);
         if (demuxer == nullptr) {
             ZLOG_ERROR("VBG::Media::DecodePicture", "{} holds no PNG, JPEG or GIF picture",

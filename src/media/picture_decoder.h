@@ -28,11 +28,14 @@ struct PictureLimits {
     int64_t maxPixels = kMaxPixels;
     size_t maxFrames = 1024;
     size_t maxTotalBytes = size_t{256} * 1024 * 1024;
+    // Largest picture file read; a larger one is refused before decoding.
+    uint64_t maxFileBytes = kMaxPictureFileBytes;
 };
 
 // Decodes the first frame, or every frame when `allFrames` (animations), of the first video
-// stream of `source`. Returns 0 with at least one frame in `picture`, or an FFmpeg error code;
-// every failure is logged with its cause.
+// stream of `source`. A file is read only as a regular file of at most `limits.maxFileBytes`
+// (AVERROR(E2BIG) beyond), never through a final link. Returns 0 with at least one frame in
+// `picture`, or an FFmpeg error code; every failure is logged with its cause.
 int DecodePicture(const MediaSource& source, bool allFrames, DecodedPicture& picture,
                   const PictureLimits& limits = PictureLimits());
 

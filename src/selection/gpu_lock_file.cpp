@@ -1,11 +1,13 @@
 #include "selection/gpu_lock_file.h"
 
+#include <fcntl.h>
+
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <system_error>
 
 #include "config/config_parser.h"
+#include "util/file_access.h"
 
 namespace VBG {
 namespace {
@@ -19,8 +21,13 @@ std::filesystem::path LockFilePath() {
 }  // namespace
 
 GpuLockFile::GpuLockFile() {
-    std::ofstream file(LockFilePath(), std::ios::out | std::ios::trunc);
-    file << "GPU lock file!" << std::endl;
+    // Owner-only and never through a link; failures are ignored, the file is only a marker.
+    static constexpr char kText[] = "GPU lock file!\n";
+    std::string why;
+    const Files::UniqueFd fd = Files::CreateOwnerOnly(LockFilePath().u8string(), O_TRUNC, why);
+    if (fd) {
+        (void)Files::WriteAll(fd.get(), kText, sizeof kText - 1);
+    }
 }
 
 GpuLockFile::~GpuLockFile() {

@@ -4,17 +4,18 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include "util/file_access.h"
 #include "util/log.h"
 
 namespace VBG {
 namespace {
+
+constexpr uint64_t kMaxSelectionFileBytes = 64 * 1024;
 
 // Decimal text to a signed 64-bit integer as std::stoll reads it (leading blanks, optional sign,
 // the longest numeric prefix), raising with the texts the rest of the system reports.
@@ -88,17 +89,12 @@ ProcessingTypeDetails ProcessingTypeInitializer::GetSelectedProcessingTypeDetail
     const std::string path = configFilePath();
     // The evaluator program writes the file; one that cannot be read as the two string members
     // (including one caught half-written) means no selection.
+    // The evaluator renames a small regular file into place: anything else (a folder, a link, a
+    // FIFO that would block the reader, a huge file) is not a selection.
     std::string text;
-    try {
-        std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
-        if (!file.is_open()) {
-            ZLOG_ERROR(fn, "Stored processing type selection {} cannot be opened", path);
-            return details;
-        }
-        text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    } catch (const std::exception& e) {
-        // A folder in the file's place, or a read error.
-        ZLOG_ERROR(fn, "Stored processing type selection {} cannot be read: {}", path, e.what());
+    std::string why;
+    if (!Files::ReadSmallFile(path, kMaxSelectionFileBytes, Files::FinalLink::Refuse, text, why)) {
+        ZLOG_ERROR(fn, "Stored processing type selection {} cannot be read: {}", path, why);
         return details;
     }
     rapidjson::Document doc;

@@ -1,9 +1,13 @@
 #include "support/test_paths.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <stdexcept>
 
@@ -49,6 +53,36 @@ void WriteFile(const std::filesystem::path& path, const std::string& text) {
 std::string ReadFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+unsigned PermissionBits(const std::filesystem::path& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0) {
+        throw std::runtime_error("cannot stat " + path.string());
+    }
+    return st.st_mode & 07777;
+}
+
+bool RunsWithoutBlockingOnFifo(const std::filesystem::path& path,
+                               const std::function<void()>& body) {
+    if (::mkfifo(path.c_str(), 0600) != 0) {
+        throw std::runtime_error("cannot make the FIFO " + path.string());
+    }
+    auto run = std::async(std::launch::async, body);
+    if (run.wait_for(std::chrono::seconds(2)) == std::future_status::ready) {
+        run.get();
+        return true;
+    }
+    // A blocked reader waits for a writer: one that opens and closes at once gives it the end
+    // of the file.
+    while (run.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
+        const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK);
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    run.get();
+    return false;
 }
 
 }  // namespace zyn_test

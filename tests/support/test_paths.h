@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <string>
 
 namespace zyn_test {
@@ -30,5 +31,14 @@ class TempDir {
 // Writes `text` to `path`, replacing it.
 void WriteFile(const std::filesystem::path& path, const std::string& text);
 std::string ReadFile(const std::filesystem::path& path);
+
+// Permission bits of a file (0600 for owner read-write).
+unsigned PermissionBits(const std::filesystem::path& path);
+
+// Makes a FIFO at `path` and runs `body`, which may read it. False when `body` was still running
+// after two seconds: it was blocked on the FIFO, and is then released by opening the writing end,
+// so that a faulty reader fails its test instead of hanging the suite.
+bool RunsWithoutBlockingOnFifo(const std::filesystem::path& path,
+                               const std::function<void()>& body);
 
 }  // namespace zyn_test

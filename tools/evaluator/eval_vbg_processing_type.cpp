@@ -22,6 +22,7 @@
 //   7  any other failure
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -189,15 +190,16 @@ bool runFrames(Library& library, void* engine) {
 }
 
 // Writes the selection next to its final name and renames it into place, so that a reader never
-// sees a half-written file.
+// sees a half-written file. The temporary has an unpredictable name and is created exclusively
+// (never through a link someone placed there) and owner-only; the rename replaces whatever entry
+// held the final name without following it.
 bool writeSelection(const std::string& cacheFolder, const std::string& typeName) {
     // The cache folder belongs to the host: a missing one is not made again here (the host may
     // have removed it while the evaluation ran).
     std::error_code ec;
     const std::filesystem::path folder = std::filesystem::u8path(cacheFolder);
     const std::filesystem::path target = folder / "PT_CONFIG.json";
-    const std::filesystem::path temporary =
-        folder / ("PT_CONFIG.json." + std::to_string(getpid()) + ".tmp");
+    std::string pattern = (folder / "PT_CONFIG.json.XXXXXX").string();
 
     const auto now = std::chrono::duration_cast<std::chrono::seconds>(
                          std::chrono::system_clock::now().time_since_epoch())
@@ -206,9 +208,12 @@ bool writeSelection(const std::string& cacheFolder, const std::string& typeName)
     const std::string text = "{\"selected_processing_type\": \"" + typeName +
                              "\", \"selected_processing_time\": \"" + std::to_string(now) + "\"}\n";
 
-    const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // mkostemp: O_CREAT | O_EXCL, mode 0600.
+    const int fd = mkostemp(pattern.data(), O_CLOEXEC);
+    const int error = errno;
+    const std::filesystem::path temporary = pattern;
     if (fd < 0) {
-        report("cannot create " + temporary.string() + ": " + std::strerror(errno));
+        report("cannot create " + temporary.string() + ": " + std::strerror(error));
         return false;
     }
     size_t written = 0;

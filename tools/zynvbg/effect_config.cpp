@@ -78,7 +78,9 @@ std::string FileCache::place(const fs::path& file) {
     if (libraryKnowsExtension(ext)) {
         const fs::path target = folder_ / (prefix + ext);
         fs::remove(target, ec);
-        fs::create_symlink(fs::absolute(file), target, ec);
+        // The library opens no symbolic link: a hard link where the file system allows it,
+        // a copy otherwise.
+        fs::create_hard_link(fs::canonical(file, ec), target, ec);
         if (ec) {
             fs::copy_file(file, target, fs::copy_options::overwrite_existing, ec);
             if (ec) {
