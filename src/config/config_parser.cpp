@@ -2,17 +2,22 @@
 
 #include <rapidjson/document.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <mutex>
 
 #include "config/effect_config.h"
+#include "util/bounded_json.h"
 #include "util/log.h"
 #include "util/text.h"
 
 namespace VBG {
 namespace {
+
+// How much of an effect configuration its log record shows.
+constexpr size_t kLoggedConfigBytes = 4096;
 
 struct StoredPaths {
     std::mutex mutex;
@@ -66,8 +71,11 @@ bool ConfigParser::SetConfig(const char* path) {
     const std::string text((std::istreambuf_iterator<char>(file)),
                            std::istreambuf_iterator<char>());
     rapidjson::Document doc;
-    doc.Parse(text.c_str(), text.size());
-    if (doc.HasParseError() || !doc.IsObject()) {
+    const Json::ParseResult parsed = Json::Parse(text, doc);
+    if (parsed != Json::ParseResult::Ok || !doc.IsObject()) {
+        if (parsed == Json::ParseResult::TooLarge || parsed == Json::ParseResult::TooDeep) {
+            ZLOG_ERROR("VBG::ConfigParser::SetConfig", "Config file is {}", Json::Describe(parsed));
+        }
         ZLOG_ERROR("VBG::ConfigParser::SetConfig", "Config file parse failed.");
         return false;
     }
@@ -127,10 +135,16 @@ ConfigSections ConfigParser::ConvertToZynNativeConfig(const char* json, ZynNativ
         ZLOG_ERROR(fn, "config is nullptr.");
         return found;
     }
-    ZLOG_INFO(fn, "Configuration {}", json);
+    // Logged once, escaped and cut short: a configuration can neither forge records nor fill the
+    // log.
+    const std::string_view text(json, strnlen(json, Json::kMaxBytes + 1));
+    ZLOG_INFO(fn, "Configuration {}", Text::LogExcerpt(text, kLoggedConfigBytes));
     rapidjson::Document doc;
-    doc.Parse(json);
-    if (doc.HasParseError() || !doc.IsObject()) {
+    const Json::ParseResult parsed = Json::Parse(text, doc);
+    if (parsed != Json::ParseResult::Ok || !doc.IsObject()) {
+        if (parsed == Json::ParseResult::TooLarge || parsed == Json::ParseResult::TooDeep) {
+            ZLOG_ERROR(fn, "config is {}", Json::Describe(parsed));
+        }
         ZLOG_ERROR(fn, "config parse failed.");
         return found;
     }
