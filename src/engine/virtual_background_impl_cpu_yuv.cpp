@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "config/vbg_settings.h"
+#include "engine/frame_record.h"
 #include "engine/presenter_compositing.h"
 #include "filters/blur_cpu.h"
 #include "filters/touchup_cpu.h"
@@ -42,42 +43,6 @@ I420Planes planesOf(const ZynNativeInputFrame* frame) {
     planes.v = frame->plane2;
     planes.strideV = asInt(frame->stride2);
     return planes;
-}
-
-// Whether the planes of a frame record cover its size, so that nothing reads or writes outside
-// the host's buffers. Formats other than NV12 and I420 are left to the format checks of the
-// steps, which report them by number.
-bool frameRecordUsable(const ZynNativeInputFrame* frame) {
-    if (frame->width == 0 || frame->height == 0 ||
-        frame->width > VirtualBackgroundImplYuv::kMaxFrameSide ||
-        frame->height > VirtualBackgroundImplYuv::kMaxFrameSide) {
-        return false;
-    }
-    const uint32_t cw = (frame->width + 1) / 2;
-    switch (frame->format) {
-        case ZYN_FORMAT_NV12:
-            return frame->plane0 != nullptr && frame->plane1 != nullptr &&
-                   frame->stride0 >= frame->width && frame->stride1 >= 2 * cw;
-        case ZYN_FORMAT_I420:
-            return frame->plane0 != nullptr && frame->plane1 != nullptr &&
-                   frame->plane2 != nullptr && frame->stride0 >= frame->width &&
-                   frame->stride1 >= cw && frame->stride2 >= cw;
-        default:
-            return true;
-    }
-}
-
-bool checkFrameRecord(const char* fn, const char* role, const ZynNativeInputFrame* frame) {
-    if (frame == nullptr) {
-        ZLOG_ERROR(fn, "No {} frame record", role);
-        return false;
-    }
-    if (!frameRecordUsable(frame)) {
-        ZLOG_ERROR(fn, "Unusable {} frame: {}x{} format={} strides {} {} {}", role, frame->width,
-                   frame->height, frame->format, frame->stride0, frame->stride1, frame->stride2);
-        return false;
-    }
-    return true;
 }
 
 // Compared as addresses: a record of an unknown format (refused later) may have no luma plane,
@@ -133,8 +98,8 @@ int VirtualBackgroundImplYuv::init(const VBGSettings& newSettings, uint32_t widt
 
 bool VirtualBackgroundImplYuv::processVideoFrameInternal(const ZynNativeInputFrame* input,
                                                          ZynNativeInputFrame* output) {
-    if (!checkFrameRecord(kFrameFn, "input", input) ||
-        !checkFrameRecord(kFrameFn, "output", output)) {
+    if (!CheckFrameRecord(kFrameFn, "input", input) ||
+        !CheckFrameRecord(kFrameFn, "output", output)) {
         return false;
     }
     if (output->width != input->width || output->height != input->height) {
@@ -483,9 +448,9 @@ void VirtualBackgroundImplYuv::updatePresentationFrameSize(uint32_t width, uint3
 bool VirtualBackgroundImplYuv::processPresentationFrameInternal(
     const ZynNativeInputFrame* camera, const ZynNativeInputFrame* presentation,
     ZynNativeInputFrame* output) {
-    if (!checkFrameRecord(kPresenterFn, "camera", camera) ||
-        !checkFrameRecord(kPresenterFn, "presentation", presentation) ||
-        !checkFrameRecord(kPresenterFn, "output", output)) {
+    if (!CheckFrameRecord(kPresenterFn, "camera", camera) ||
+        !CheckFrameRecord(kPresenterFn, "presentation", presentation) ||
+        !CheckFrameRecord(kPresenterFn, "output", output)) {
         return false;
     }
     if (weathermanUpdateRequested.load()) {
