@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-
 #include <string>
 
 #include "support/log_capture.h"
