@@ -64,33 +64,34 @@ void ProcessFrames(ZynNativeHandle* handle) {
         ZynNativeVideoProcessingProcessPresentationFrame(handle, frames, &output.record));
 }
 
-// Feedback dumps are named by the text's "id". Frames are processed only when every id is a
-// plain file name (so that the dumps stay in the scratch cache folder).
-bool FeedbackIdsArePlainNames(const std::string& text) {
+// Feedback dumps are named by the text's "id" (the update's, or the create's).
+enum class FeedbackId { None, Plain, Other };
+FeedbackId FeedbackIdOf(const std::string& text) {
     rapidjson::Document doc;
-    if (VBG::Json::Parse(text, doc) != VBG::Json::ParseResult::Ok || !doc.IsObject()) {
-        return true;  // nothing the library would read either
+    // Read as the library reads it: up to the first NUL.
+    if (VBG::Json::ParseText(text.c_str(), doc) != VBG::Json::ParseResult::Ok || !doc.IsObject()) {
+        return FeedbackId::None;  // nothing the library would read either
     }
     const auto id = doc.FindMember("id");
     if (id == doc.MemberEnd() || !id->value.IsString()) {
-        return true;
+        return FeedbackId::None;
     }
     const std::string name(id->value.GetString(), id->value.GetStringLength());
     if (name.empty() || name.size() > 64 || name[0] == '.') {
-        return false;
+        return FeedbackId::Other;
     }
     for (const char c : name) {
         const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
                            (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
         if (!plain) {
-            return false;
+            return FeedbackId::Other;
         }
     }
-    return true;
+    return FeedbackId::Plain;
 }
 
-// Removes what feedback dumps left in the cache folder and restores the stored selection (an id
-// may name it), so that neither the disk nor later inputs see them.
+// Removes what feedback dumps left in the cache folder and restores the stored selection (the
+// index of an id "PT_CONFIG" replaces it), so that neither the disk nor later inputs see them.
 void CleanCacheFolder(const std::set<std::string>& keep) {
     namespace fs = std::filesystem;
     std::error_code ec;
@@ -162,17 +163,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             __builtin_trap();
         }
     }
-    const bool feedback = createText.find("feedback") != std::string::npos ||
-                          updateText.find("feedback") != std::string::npos;
-    if (handle != nullptr && (!feedback || (FeedbackIdsArePlainNames(createText) &&
-                                            FeedbackIdsArePlainNames(updateText)))) {
+    // Frames are processed unless a dump could be named by something other than a plain file
+    // name (and so land outside the scratch folder).
+    const FeedbackId createId = FeedbackIdOf(createText);
+    const FeedbackId updateId = FeedbackIdOf(updateText);
+    const bool framesProcessed =
+        handle != nullptr && createId != FeedbackId::Other && updateId != FeedbackId::Other;
+    if (framesProcessed) {
         ProcessFrames(&handle);
     }
     ZynNativeVideoProcessingDestroyInstance(&handle);
     if (handle != nullptr) {
         __builtin_trap();
     }
-    if (feedback) {
+    if (framesProcessed && (createId == FeedbackId::Plain || updateId == FeedbackId::Plain)) {
         CleanCacheFolder(initialCacheFiles);
     }
     return 0;
