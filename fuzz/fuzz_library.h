@@ -84,13 +84,23 @@ inline void WriteBackgroundFiles() {
     }
 }
 
+// ZYN_FUZZ_NO_SELECTION=1 runs a target without a stored processing-type selection: creates in
+// automatic mode then find none, and the evaluation started by initialisation finds no evaluator
+// program beside the fuzz target.
+inline bool NoStoredSelection() {
+    const char* value = std::getenv("ZYN_FUZZ_NO_SELECTION");
+    return value != nullptr && std::string(value) == "1";
+}
+
 // Initialises the library once per process; the log is switched off afterwards so that records
 // cost nothing per input.
 inline void InitLibraryOnce() {
     static const bool done = [] {
         fs::create_directories(CacheFolder());
         fs::create_directories(Scratch() / "log");
-        WriteText(CacheFolder() / "PT_CONFIG.json", FreshSelection());
+        if (!NoStoredSelection()) {
+            WriteText(CacheFolder() / "PT_CONFIG.json", FreshSelection());
+        }
         WriteBackgroundFiles();
         const fs::path config = Scratch() / "library.json";
         WriteText(config, "{\"modelsPath\": \"" + std::string(ZYN_MODELS_DIR) +

@@ -95,6 +95,62 @@ TEST_F(EffectConfig, NullAndUnparseableTextsFindNothing) {
     }
 }
 
+TEST_F(EffectConfig, TextsTooLargeOrTooDeeplyNestedAreRefused) {
+    const std::string blur = R"({"effects": [{"name": "blur"}], "extra": )";
+    // An extra key nested `levels` deep under the top-level object.
+    const auto nested = [&](int levels) {
+        return blur + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
+    };
+    const struct {
+        std::string what, text;
+        bool accepted;
+        std::string error;
+    } cases[] = {
+        {"32 levels", nested(32), true, ""},
+        {"33 levels", nested(33), false, "config is nested deeper than 32 levels"},
+        {"30000 levels", nested(30000), false, "config is nested deeper than 32 levels"},
+        {"64 KiB", blur + std::string(65536 - blur.size() - 2, ' ') + "1}", true, ""},
+        {"one byte over 64 KiB", blur + std::string(65536 - blur.size() - 1, ' ') + "1}", false,
+         "config is larger than 65536 bytes"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        log_.clear();
+        EXPECT_EQ(c.accepted, convert(c.text.c_str()).effects);
+        if (!c.accepted) {
+            EXPECT_TRUE(log_.has(spdlog::level::err, c.error)) << log_.dump().substr(0, 2000);
+            EXPECT_TRUE(log_.has(spdlog::level::err, "config parse failed."));
+        }
+    }
+}
+
+TEST_F(EffectConfig, TheTextIsLoggedOnceEscapedAndCutAndEffectRecordsAreCapped) {
+    // Raw line breaks between the tokens, a forged record in an unknown effect's name, and far
+    // more than a log record should hold.
+    std::string text = "{\"effects\":\n[";
+    for (int i = 0; i < 500; ++i) {
+        text += "{\"name\": \"blur\"},\r\n";
+    }
+    text += R"({"name": "x\n[E] forged\u001b"}]})";
+    convert(text.c_str());
+    size_t configRecords = 0;
+    for (const auto& r : log_.records()) {
+        EXPECT_EQ(std::string::npos, r.message.find_first_of("\n\r\x1b")) << r.message;
+        if (r.function == kConvert && r.message.rfind("Configuration ", 0) == 0) {
+            ++configRecords;
+            EXPECT_LE(r.message.size(), 4200u);
+            EXPECT_EQ(0u,
+                      r.message.find("Configuration {\"effects\":\\n[{\"name\": \"blur\"},\\r\\n"))
+                << r.message.substr(0, 100);
+            EXPECT_NE(std::string::npos, r.message.find("(truncated)"));
+        }
+    }
+    EXPECT_EQ(1u, configRecords);
+    // One record for each of the first sixteen elements, none for the others.
+    EXPECT_EQ(16u, log_.count("Config Blur"));
+    EXPECT_EQ(1u, log_.count("Unknown effect passed: x\\n[E] forged\\x1b")) << log_.dump();
+}
+
 TEST_F(EffectConfig, EmptyEffectsArrayStopsBeforeFeedback) {
     const ConfigSections s = convert(R"({"effects": [], "feedback": true, "id": "abc"})");
     expectNothingFound(s);
@@ -502,6 +558,32 @@ TEST_F(EffectConfig, PresenterFailures) {
     s = convert(R"({"effects": [{"name": "sparkle"}]})");
     expectNothingFound(s);
     EXPECT_EQ(-1, presenter_.mode);
+}
+
+TEST_F(EffectConfig, PresenterNumbersThatAreNotFiniteOrOverflowAnIntAreRefused) {
+    // The layouts multiply these by frame sides of up to 16384 and keep the products as int.
+    const struct {
+        const char* text;
+        bool accepted;
+    } values[] = {{"0.25", true}, {"-131071", true}, {"131072", false},
+                  {"nan", false}, {"inf", false},    {"-infinity", false}};
+    for (const char* key :
+         {"weathermanAlpha", "weathermanSize", "weathermanOffsetX", "weathermanOffsetY"}) {
+        for (const auto& v : values) {
+            SCOPED_TRACE(std::string(key) + " = " + v.text);
+            std::string element = R"({"name": "weatherman", "mode": "overlay", )";
+            for (const char* k :
+                 {"weathermanAlpha", "weathermanSize", "weathermanOffsetX", "weathermanOffsetY"}) {
+                element += std::string("\"") + k + "\": \"" + (k == key ? v.text : "0.5") + "\", ";
+            }
+            element.resize(element.size() - 2);
+            log_.clear();
+            EXPECT_EQ(v.accepted,
+                      convert(("{\"effects\": [" + element + "}]}").c_str()).weatherman);
+            EXPECT_EQ(v.accepted ? 0u : 1u,
+                      log_.countContaining(std::string(key) + " is out of range"));
+        }
+    }
 }
 
 TEST_F(EffectConfig, FirstWeathermanElementIsTheOneRead) {

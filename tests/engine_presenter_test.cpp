@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <libyuv.h>
 
+#include <fstream>
 #include <string>
 
 #include "config/config_parser.h"
@@ -363,6 +364,35 @@ TEST(EnginePresenter, ConferenceroomPutsThePresenterAt100And33AboveTheBottom) {
     EXPECT_LT(DifferenceToPresenter(out, *presenter, CameraFace(), cam), 4.0);
     // Left of the presenter: the room, not the presentation.
     EXPECT_GT(MeanDistanceFrom(out, 16, 128, 128, Box{0.0, 0.9, 0.04, 1.0}), 40.0);
+}
+
+TEST(EnginePresenter, APresenterFarLargerThanTheOutputIsMadeOnlyWhereItShows) {
+    // Size 16: a presenter of 10240 x 5760 centred on a 320 x 180 slide, which shows the middle
+    // 20 x 11 pixels of the camera frame, enlarged.
+    PresenterInstance instance(OverlayConfig("1.0", "16", "0"));
+    auto camera = AstronautFrame(kCamW, kCamH, ZYN_FORMAT_I420);
+    auto slide = Slide(320, 180, ZYN_FORMAT_I420, 235, 235, 0, 0);
+    Frame out(320, 180, ZYN_FORMAT_I420);
+    const auto residentKiB = [] {
+        std::ifstream status("/proc/self/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.rfind("VmRSS:", 0) == 0) {
+                return std::stol(line.substr(6));
+            }
+        }
+        return 0L;
+    };
+    const long before = residentKiB();
+    Present(instance, *camera, *slide, out, 2);
+    // Full-size work buffers of such a presenter would take some 200 MiB.
+    EXPECT_LT(residentKiB() - before, 32 * 1024);
+    const Box middle{0.25, 0.25, 0.75, 0.75};
+    const Box cameraMiddle{310.0 / kCamW, 175.0 / kCamH, 330.0 / kCamW, 185.0 / kCamH};
+    EXPECT_LT(std::abs(MeanChroma(out, middle).first - MeanChroma(*camera, cameraMiddle).first),
+              6.0);
+    EXPECT_LT(std::abs(MeanChroma(out, middle).second - MeanChroma(*camera, cameraMiddle).second),
+              6.0);
+    EXPECT_GT(MeanDistanceFrom(out, 235, 128, 128, middle), 100.0) << "the slide shows";
 }
 
 TEST(EnginePresenter, OutputOfAnotherSizeOrAnUnsetModeFailsTheFrame) {

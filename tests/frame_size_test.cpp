@@ -1,9 +1,10 @@
 // Frame sizes at the edges of what the frame record allows, through the process-frame export, for
 // NV12 and I420. Every size from 1 x 1 up to 16384 on each side is processed, odd sizes and sizes
 // smaller than the model's included; a record that does not describe a usable frame (a zero side,
-// a side above 16384, a missing plane, a stride shorter than its row) is refused with status 2
-// and an error record that names the size, and the output is left as it was; so is an output of
-// an unknown format. Every plane here is
+// a side above 16384, a missing plane, a stride shorter than its row or above 2^31 - 1, a plane
+// above 2^31 - 1 bytes) is refused with status 2 and an error record that names the size, the
+// output is left as it was and a waiting feedback request records the next frame instead; so is
+// an output of an unknown format. Every plane here is
 // allocated exactly as long as the record says, touching an inaccessible page at its end or at
 // its start, so that one byte read or written outside a plane faults.
 #include <gtest/gtest.h>
@@ -33,8 +34,9 @@ class GuardedBytes {
         const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         const size_t dataPages = std::max<size_t>(1, (size + page - 1) / page);
         mapped_ = (dataPages + 2) * page;
-        void* base =
-            mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        // Pages never written cost nothing: a plane of gigabytes can be described and read.
+        void* base = mmap(nullptr, mapped_, PROT_READ | PROT_WRITE,
+                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
         if (base == MAP_FAILED) {
             throw std::runtime_error("mmap failed");
         }
@@ -255,6 +257,7 @@ TEST_P(FrameSizes, RecordsThatDoNotDescribeAUsableFrameAreRefusedAndNameTheSize)
         std::vector<uint32_t> strides;  // empty: exact strides
         int missingPlane;               // -1: none
         bool inOutput;
+        bool hugePlanes = false;  // gigabytes of zero pages, left unwritten
     };
     // Strides one byte short of their row: luma, and chroma (for NV12 at an odd width the
     // interleaved row is width + 1 bytes, so a stride equal to the width is short).
@@ -272,7 +275,16 @@ TEST_P(FrameSizes, RecordsThatDoNotDescribeAUsableFrameAreRefusedAndNameTheSize)
          nv12 ? std::vector<uint32_t>{63, 63} : std::vector<uint32_t>{63, 32, 31}, -1, false},
         {"short output luma stride", 64, 36,
          nv12 ? std::vector<uint32_t>{63, 64} : std::vector<uint32_t>{63, 32, 32}, -1, true},
+        // A stride that is negative as an int, and a plane of more than 2^31 - 1 bytes.
+        {"luma stride of 2^31", 64, 1,
+         nv12 ? std::vector<uint32_t>{0x80000000u, 64} : std::vector<uint32_t>{0x80000000u, 32, 32},
+         -1, false, true},
+        {"luma plane of 2^31 bytes", 64, 2,
+         nv12 ? std::vector<uint32_t>{0x40000000u, 64} : std::vector<uint32_t>{0x40000000u, 32, 32},
+         -1, false, true},
     };
+    const fs::path cache = Library::Get().cache();
+    int n = 0;
     GuardedFrame goodIn(64, 36, format, true);
     goodIn.fill(kGrey.y, kGrey.u, kGrey.v);
     for (const Refused& c : cases) {
@@ -293,12 +305,21 @@ TEST_P(FrameSizes, RecordsThatDoNotDescribeAUsableFrameAreRefusedAndNameTheSize)
             bad.fillBytes(kUntouched);
         } else {
             partner.fillBytes(kUntouched);
-            bad.fillBytes(kGrey.y);  // its strides may be shorter than its rows
+            if (!c.hugePlanes) {
+                bad.fillBytes(kGrey.y);  // its strides may be shorter than its rows
+            }
         }
         ZynNativeInputFrame partnerRecord = partner.record();
         ZynNativeInputFrame& in = c.inOutput ? partnerRecord : badRecord;
         ZynNativeInputFrame& out = c.inOutput ? badRecord : partnerRecord;
+        // A feedback request waiting for a frame reads nothing of a refused one: it records the
+        // next usable frame.
+        const std::string id = "refused" + std::to_string(format) + "-" + std::to_string(n++);
+        ASSERT_EQ(0u,
+                  ZynNativeVideoProcessingUpdateInstance(
+                      instance.handle(), ("{\"feedback\": true, \"id\": \"" + id + "\"}").c_str()));
         EXPECT_EQ(2u, ZynNativeVideoProcessingProcessFrame(instance.handle(), &in, &out));
+        EXPECT_FALSE(fs::exists(cache / ("raw" + id + ".bin")));
         const std::string role = c.inOutput ? "output" : "input";
         EXPECT_EQ(
             1u, log.countContaining("Unusable " + role + " frame: " + SizeText(c.width, c.height) +
@@ -309,6 +330,8 @@ TEST_P(FrameSizes, RecordsThatDoNotDescribeAUsableFrameAreRefusedAndNameTheSize)
         // The instance goes on with the next usable frame.
         GuardedFrame goodOut(64, 36, format, true);
         EXPECT_EQ(0u, Process(instance, goodIn, goodOut));
+        EXPECT_TRUE(fs::exists(cache / ("raw" + id + ".bin")));
+        EXPECT_EQ(64u * 36u * 4u, fs::file_size(cache / ("final" + id + ".bin")));
     }
 }
 

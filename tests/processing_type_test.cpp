@@ -226,6 +226,11 @@ TEST_F(StoredSelection, MalformedFilesReadAsNoSelectionWithOneError) {
         R"({"selected_processing_time": "1700000000"})",
         R"({"selected_processing_type": 3, "selected_processing_time": "1700000000"})",
         R"({"selected_processing_type": "OpenVinoCpu", "selected_processing_time": 1700000000})",
+        // Nested past 32 levels, or past 64 KiB: refused before the members are looked at.
+        R"({"selected_processing_type": "OpenVinoCpu", "selected_processing_time": "1700000000",)"
+        R"( "x": )" +
+            std::string(40, '[') + std::string(40, ']') + "}",
+        selection("OpenVinoCpu", "1700000000") + std::string(65536, ' '),
     };
     for (const auto& text : cases) {
         write(text);

@@ -1,6 +1,7 @@
 // The twenty exported functions. Nothing is thrown across this boundary: every exception is
 // caught here, written to the log and answered with the nearest status.
 #include <atomic>
+#include <cstring>
 #include <exception>
 #include <mutex>
 #include <string>
@@ -12,6 +13,7 @@
 #include "gpu/d3d12_utils.h"
 #include "ml/vbg_ml_processing.h"
 #include "selection/processing_type_evaluator.h"
+#include "util/bounded_json.h"
 #include "util/log.h"
 #include "util/zyn_utils.h"
 #include "zyn_native_vbg.h"
@@ -344,8 +346,14 @@ ZYN_API uint32_t ZynNativeVideoProcessingUpdateInstance(ZynNativeHandle* handle,
         guardedVoid(fn, [&] { destroyInstance(handle); });
     }
     guardedVoid(fn, [&] {
+        // The conversion has already logged the configuration itself (once, escaped and cut
+        // short); this record names only its length.
+        const std::string config =
+            jsonConfig == nullptr
+                ? std::string("(null)")
+                : "(" + std::to_string(strnlen(jsonConfig, VBG::Json::kMaxBytes + 1)) + " bytes)";
         ZLOG_INFO(fn, "ZYNNativeVideoProcessing updated with config {} on thread {} with result {}",
-                  jsonConfig != nullptr ? jsonConfig : "(null)", Utils::ThreadId(), status);
+                  config, Utils::ThreadId(), status);
     });
     return status;
 }

@@ -2,10 +2,12 @@
 
 #include <rapidjson/document.h>
 
+#include <cstring>
 #include <filesystem>
 #include <mutex>
 
 #include "config/effect_config.h"
+#include "util/bounded_json.h"
 #include "util/file_access.h"
 #include "util/log.h"
 #include "util/text.h"
@@ -14,6 +16,8 @@ namespace VBG {
 namespace {
 
 constexpr uint64_t kMaxConfigFileBytes = 64 * 1024;
+// How much of an effect configuration its log record shows.
+constexpr size_t kLoggedConfigBytes = 4096;
 
 struct StoredPaths {
     std::mutex mutex;
@@ -69,8 +73,11 @@ bool ConfigParser::SetConfig(const char* path) {
         return false;
     }
     rapidjson::Document doc;
-    doc.Parse(text.c_str(), text.size());
-    if (doc.HasParseError() || !doc.IsObject()) {
+    const Json::ParseResult parsed = Json::Parse(text, doc);
+    if (parsed != Json::ParseResult::Ok || !doc.IsObject()) {
+        if (parsed == Json::ParseResult::TooLarge || parsed == Json::ParseResult::TooDeep) {
+            ZLOG_ERROR("VBG::ConfigParser::SetConfig", "Config file is {}", Json::Describe(parsed));
+        }
         ZLOG_ERROR("VBG::ConfigParser::SetConfig", "Config file parse failed.");
         return false;
     }
@@ -130,10 +137,16 @@ ConfigSections ConfigParser::ConvertToZynNativeConfig(const char* json, ZynNativ
         ZLOG_ERROR(fn, "config is nullptr.");
         return found;
     }
-    ZLOG_INFO(fn, "Configuration {}", json);
+    // Logged once, escaped and cut short: a configuration can neither forge records nor fill the
+    // log.
+    const std::string_view text(json, strnlen(json, Json::kMaxBytes + 1));
+    ZLOG_INFO(fn, "Configuration {}", Text::LogExcerpt(text, kLoggedConfigBytes));
     rapidjson::Document doc;
-    doc.Parse(json);
-    if (doc.HasParseError() || !doc.IsObject()) {
+    const Json::ParseResult parsed = Json::Parse(text, doc);
+    if (parsed != Json::ParseResult::Ok || !doc.IsObject()) {
+        if (parsed == Json::ParseResult::TooLarge || parsed == Json::ParseResult::TooDeep) {
+            ZLOG_ERROR(fn, "config is {}", Json::Describe(parsed));
+        }
         ZLOG_ERROR(fn, "config parse failed.");
         return found;
     }

@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
+#include <filesystem>
+#include <limits>
 #include <stdexcept>
 
 #include "util/log.h"
@@ -15,6 +18,9 @@ namespace {
 
 // Paths are copied only when they fit their field with its terminator.
 constexpr size_t kMaxPathChars = ZYN_PATH_CHARS - 1;
+// Effect elements that get a record of their own; names and modes are shown cut to this length.
+constexpr size_t kLoggedEffects = 16;
+constexpr size_t kLoggedNameBytes = 64;
 
 // The "C" locale, so that "0.5" reads as one half even in a host that switched LC_NUMERIC to a
 // locale with a decimal comma.
@@ -36,6 +42,23 @@ bool readFloat(const rapidjson::Value& effect, const char* key, float& value) {
     return true;
 }
 
+// Presenter sizes, offsets and opacity: the layouts multiply them by frame sides (at most 16384)
+// and keep the products as integers, so NaN, the infinities and values whose product would not
+// fit an int are refused.
+bool readPresenterFloat(const rapidjson::Value& effect, const char* key, float& value) {
+    constexpr float kLargest = static_cast<float>(std::numeric_limits<int32_t>::max() / 16384);
+    float read = 0.0f;
+    if (!readFloat(effect, key, read)) {
+        return false;
+    }
+    if (!std::isfinite(read) || std::fabs(read) > kLargest) {
+        ZLOG_ERROR("VBG::ParseWeathermanConfig", "{} is out of range: {}", key, read);
+        return false;
+    }
+    value = read;
+    return true;
+}
+
 bool readInt(const rapidjson::Value& effect, const char* key, int32_t& value) {
     std::string text;
     if (!GetValue(effect, key, text)) {
@@ -45,24 +68,9 @@ bool readInt(const rapidjson::Value& effect, const char* key, int32_t& value) {
     return true;
 }
 
-// At most 128 bytes of a refused value, with control characters, DEL and "\\" written as \xNN,
-// so that the record can neither be forged into several nor flood the log.
-std::string escapedForLog(std::string_view text) {
-    constexpr size_t kShown = 128;
-    std::string out;
-    for (size_t i = 0; i < text.size() && i < kShown; ++i) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        if (c < 0x20 || c == 0x7F || c == '\\') {
-            out += fmt::format("\\x{:02X}", c);
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    if (text.size() > kShown) {
-        out += "...";
-    }
-    return out;
-}
+// At most this much of a refused name or id is shown in its record (escaped, so that the record
+// can neither be forged into several nor flood the log).
+constexpr size_t kLoggedRefusedBytes = 128;
 
 // Names and ids become file paths: one that could reach another file is a bad configuration
 // value, refused like a number that does not convert.
@@ -71,7 +79,7 @@ void checkFileName(const char* fn, const std::string& name) {
         ZLOG_ERROR(fn,
                    "Background file name '{}' refused: a relative path inside the file cache "
                    "folder is expected",
-                   escapedForLog(name));
+                   Text::LogExcerpt(name, kLoggedRefusedBytes));
         throw std::invalid_argument("background file name refused");
     }
 }
@@ -216,13 +224,18 @@ std::string CacheFilePath(const std::string& fileCachePath, const std::string& f
 bool ParseVbgConfig(const rapidjson::Value& effects, const std::string& fileCachePath,
                     ZynNativeConfig& config) {
     constexpr const char* fn = "VBG::ParseVbgConfig";
+    size_t index = 0;
     for (const auto& effect : effects.GetArray()) {
+        // One record per element at most, and none past the first few elements.
+        const bool logged = index++ < kLoggedEffects;
         std::string name;
         if (!GetValue(effect, "name", name)) {
             return false;
         }
         if (name == "blur") {
-            ZLOG_INFO(fn, "Config Blur");
+            if (logged) {
+                ZLOG_INFO(fn, "Config Blur");
+            }
             config.effects |= ZYN_EFFECT_BACKGROUND;
             config.backgroundEffectKind = 1;
         } else if (name == "background") {
@@ -247,11 +260,13 @@ bool ParseVbgConfig(const rapidjson::Value& effects, const std::string& fileCach
             if (!readFloat(effect, "touchUpSigma", config.touchUpSigma)) {
                 return false;
             }
-            ZLOG_INFO(fn, "Config TouchUp Processing Type: {} Sigma: {}", config.effects,
-                      config.touchUpSigma);
+            if (logged) {
+                ZLOG_INFO(fn, "Config TouchUp Processing Type: {} Sigma: {}", config.effects,
+                          config.touchUpSigma);
+            }
         } else {
             // "weatherman" ends up here too; the caller tries the presenter parser next.
-            ZLOG_INFO(fn, "Unknown effect passed: {}", name);
+            ZLOG_INFO(fn, "Unknown effect passed: {}", Text::LogExcerpt(name, kLoggedNameBytes));
             return false;
         }
     }
@@ -283,38 +298,39 @@ bool ParseWeathermanConfig(const rapidjson::Value& effects, const std::string& f
     }
     if (mode == "overlay") {
         settings.mode = 1;
-        if (!readFloat(effect, "weathermanAlpha", settings.overlayAlpha) ||
-            !readFloat(effect, "weathermanSize", settings.overlaySize) ||
-            !readFloat(effect, "weathermanOffsetX", settings.overlayOffsetX) ||
-            !readFloat(effect, "weathermanOffsetY", settings.overlayOffsetY)) {
+        if (!readPresenterFloat(effect, "weathermanAlpha", settings.overlayAlpha) ||
+            !readPresenterFloat(effect, "weathermanSize", settings.overlaySize) ||
+            !readPresenterFloat(effect, "weathermanOffsetX", settings.overlayOffsetX) ||
+            !readPresenterFloat(effect, "weathermanOffsetY", settings.overlayOffsetY)) {
             return false;
         }
     } else if (mode == "underlay") {
         settings.mode = 2;
-        if (!readFloat(effect, "weathermanSize", settings.underlaySize) ||
-            !readFloat(effect, "weathermanOffsetX", settings.underlayOffsetX) ||
-            !readFloat(effect, "weathermanOffsetY", settings.underlayOffsetY) ||
+        if (!readPresenterFloat(effect, "weathermanSize", settings.underlaySize) ||
+            !readPresenterFloat(effect, "weathermanOffsetX", settings.underlayOffsetX) ||
+            !readPresenterFloat(effect, "weathermanOffsetY", settings.underlayOffsetY) ||
             !readInt(effect, "weathermanUnderlayMode", settings.underlayMode)) {
             return false;
         }
     } else if (mode == "newsroom") {
         settings.mode = 3;
-        if (!readFloat(effect, "weathermanSize", settings.newsroomSize) ||
+        if (!readPresenterFloat(effect, "weathermanSize", settings.newsroomSize) ||
             !readInt(effect, "weathermanPosition", settings.newsroomPosition) ||
-            !readFloat(effect, "presentationSize", settings.newsroomPresentationSize) ||
+            !readPresenterFloat(effect, "presentationSize", settings.newsroomPresentationSize) ||
             !readPicturePath(effect, "backgroundFile", fileCachePath,
                              settings.newsroomBackgroundFile)) {
             return false;
         }
     } else if (mode == "conferenceroom") {
         settings.mode = 4;
-        if (!readFloat(effect, "weathermanSize", settings.conferenceroomSize) ||
+        if (!readPresenterFloat(effect, "weathermanSize", settings.conferenceroomSize) ||
             !readPicturePath(effect, "backgroundFile", fileCachePath,
                              settings.conferenceroomBackgroundFile)) {
             return false;
         }
     } else {
-        ZLOG_ERROR(fn, "effect set to weatherman, unknown mode {}", mode);
+        ZLOG_ERROR(fn, "effect set to weatherman, unknown mode {}",
+                   Text::LogExcerpt(mode, kLoggedNameBytes));
         return false;
     }
     ZLOG_INFO(fn, "Effect set to Weatherman mode: {}", mode);
@@ -340,7 +356,7 @@ bool ParseZynFeedbackConfig(const rapidjson::Value& document, const std::string&
         ZLOG_ERROR(fn,
                    "Feedback id '{}' refused: 1 to 64 characters of A-Z, a-z, 0-9, '.', '_' and "
                    "'-', not starting with '.', are expected",
-                   escapedForLog(value));
+                   Text::LogExcerpt(value, kLoggedRefusedBytes));
         throw std::invalid_argument("feedback id refused");
     }
     feedback.folder = fileCachePath;

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "config/vbg_settings.h"
+#include "engine/frame_record.h"
 #include "filters/blur_cpu.h"
 #include "media/background_image.h"
 #include "selection/processing_type.h"
@@ -218,6 +219,12 @@ bool VirtualBackgroundImpl::processVideoFrame(const ZynNativeInputFrame* input,
         ZLOG_ERROR("VBG::VirtualBackgroundImpl::processVideoFrame", "initProcessing failed");
         return false;
     }
+    // A refused record is never read, by the frame or by a feedback dump; a feedback request
+    // waits for the next usable frame.
+    constexpr const char* fn = "VBG::VirtualBackgroundImpl::processVideoFrame";
+    if (!CheckFrameRecord(fn, "input", input) || !CheckFrameRecord(fn, "output", output)) {
+        return false;
+    }
     const bool feedback = feedbackRequested_.load();
     const bool withMask = settings.bt != BtNone;
     if (feedback) {
@@ -225,7 +232,8 @@ bool VirtualBackgroundImpl::processVideoFrame(const ZynNativeInputFrame* input,
     }
     const bool result = processVideoFrameInternal(input, output);
     if (feedback) {
-        feedbackAfterFrame(input, output, withMask);
+        // The frames of a failed call are not dumped: the engine may have refused them.
+        feedbackAfterFrame(result ? input : nullptr, result ? output : nullptr, withMask);
     }
     videoStats.mark(FrameStats::FrameEnd);
     output->processingTime = static_cast<float>(videoStats.current(FrameStats::Total));
@@ -250,13 +258,19 @@ bool VirtualBackgroundImpl::processPresentationFrame(const ZynNativeInputFrame* 
     }
     const ZynNativeInputFrame* camera = &frames[0];
     const ZynNativeInputFrame* presentation = &frames[1];
+    constexpr const char* fn = "VBG::VirtualBackgroundImpl::processPresentationFrame";
+    if (!CheckFrameRecord(fn, "camera", camera) ||
+        !CheckFrameRecord(fn, "presentation", presentation) ||
+        !CheckFrameRecord(fn, "output", output)) {
+        return false;
+    }
     const bool feedback = feedbackRequested_.load();
     if (feedback) {
         feedbackBeforeFrame(true);
     }
     const bool result = processPresentationFrameInternal(camera, presentation, output);
     if (feedback) {
-        feedbackAfterFrame(presentation, output, true);
+        feedbackAfterFrame(result ? presentation : nullptr, result ? output : nullptr, true);
     }
     presentationStats.mark(FrameStats::FrameEnd);
     output->processingTime = static_cast<float>(presentationStats.current(FrameStats::Total));

@@ -2,10 +2,12 @@
 
 #include <libyuv.h>
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 
 #include "config/vbg_settings.h"
+#include "engine/frame_record.h"
 #include "engine/presenter_compositing.h"
 #include "filters/blur_cpu.h"
 #include "filters/touchup_cpu.h"
@@ -33,6 +35,23 @@ int asInt(uint32_t value) {
     return static_cast<int>(value);
 }
 
+// The span [start, start + size) of a source side that lies under the visible span [from, from +
+// count) of a picture `scaled` long made from it (`source` long): the enclosing source pixels,
+// starting at an even one (chroma lines up), at least one pixel.
+struct SourceWindow {
+    int start = 0;
+    int size = 0;
+};
+SourceWindow VisibleSource(int from, int count, int scaled, int source) {
+    const int64_t first = static_cast<int64_t>(from) * source / scaled;
+    const int64_t end =
+        (static_cast<int64_t>(from + count) * source + scaled - 1) / scaled;  // rounded up
+    SourceWindow window;
+    window.start = static_cast<int>(first) & ~1;
+    window.size = std::max(1, static_cast<int>(std::min<int64_t>(end, source)) - window.start);
+    return window;
+}
+
 I420Planes planesOf(const ZynNativeInputFrame* frame) {
     I420Planes planes;
     planes.y = frame->plane0;
@@ -42,42 +61,6 @@ I420Planes planesOf(const ZynNativeInputFrame* frame) {
     planes.v = frame->plane2;
     planes.strideV = asInt(frame->stride2);
     return planes;
-}
-
-// Whether the planes of a frame record cover its size, so that nothing reads or writes outside
-// the host's buffers. Formats other than NV12 and I420 are left to the format checks of the
-// steps, which report them by number.
-bool frameRecordUsable(const ZynNativeInputFrame* frame) {
-    if (frame->width == 0 || frame->height == 0 ||
-        frame->width > VirtualBackgroundImplYuv::kMaxFrameSide ||
-        frame->height > VirtualBackgroundImplYuv::kMaxFrameSide) {
-        return false;
-    }
-    const uint32_t cw = (frame->width + 1) / 2;
-    switch (frame->format) {
-        case ZYN_FORMAT_NV12:
-            return frame->plane0 != nullptr && frame->plane1 != nullptr &&
-                   frame->stride0 >= frame->width && frame->stride1 >= 2 * cw;
-        case ZYN_FORMAT_I420:
-            return frame->plane0 != nullptr && frame->plane1 != nullptr &&
-                   frame->plane2 != nullptr && frame->stride0 >= frame->width &&
-                   frame->stride1 >= cw && frame->stride2 >= cw;
-        default:
-            return true;
-    }
-}
-
-bool checkFrameRecord(const char* fn, const char* role, const ZynNativeInputFrame* frame) {
-    if (frame == nullptr) {
-        ZLOG_ERROR(fn, "No {} frame record", role);
-        return false;
-    }
-    if (!frameRecordUsable(frame)) {
-        ZLOG_ERROR(fn, "Unusable {} frame: {}x{} format={} strides {} {} {}", role, frame->width,
-                   frame->height, frame->format, frame->stride0, frame->stride1, frame->stride2);
-        return false;
-    }
-    return true;
 }
 
 // Compared as addresses: a record of an unknown format (refused later) may have no luma plane,
@@ -133,8 +116,8 @@ int VirtualBackgroundImplYuv::init(const VBGSettings& newSettings, uint32_t widt
 
 bool VirtualBackgroundImplYuv::processVideoFrameInternal(const ZynNativeInputFrame* input,
                                                          ZynNativeInputFrame* output) {
-    if (!checkFrameRecord(kFrameFn, "input", input) ||
-        !checkFrameRecord(kFrameFn, "output", output)) {
+    if (!CheckFrameRecord(kFrameFn, "input", input) ||
+        !CheckFrameRecord(kFrameFn, "output", output)) {
         return false;
     }
     if (output->width != input->width || output->height != input->height) {
@@ -483,9 +466,9 @@ void VirtualBackgroundImplYuv::updatePresentationFrameSize(uint32_t width, uint3
 bool VirtualBackgroundImplYuv::processPresentationFrameInternal(
     const ZynNativeInputFrame* camera, const ZynNativeInputFrame* presentation,
     ZynNativeInputFrame* output) {
-    if (!checkFrameRecord(kPresenterFn, "camera", camera) ||
-        !checkFrameRecord(kPresenterFn, "presentation", presentation) ||
-        !checkFrameRecord(kPresenterFn, "output", output)) {
+    if (!CheckFrameRecord(kPresenterFn, "camera", camera) ||
+        !CheckFrameRecord(kPresenterFn, "presentation", presentation) ||
+        !CheckFrameRecord(kPresenterFn, "output", output)) {
         return false;
     }
     if (weathermanUpdateRequested.load()) {
@@ -662,38 +645,47 @@ bool VirtualBackgroundImplYuv::overlayCameraFrameOnPresentation(const ZynNativeI
         return false;
     }
     prepareModelMask();
+    // Only the visible part of the presenter is made: the part of the camera frame (and of the
+    // model mask) under it is scaled to the visible size, so that the work buffers are bounded
+    // by the output, whatever size the settings give the presenter. A presenter wholly inside
+    // the output takes the whole frame, exactly as a full-size scale would.
     const int pw = static_cast<int>(w);
     const int ph = static_cast<int>(h);
+    const int vw = place.width;
+    const int vh = place.height;
     const int mw = asInt(mlState->width);
     const int mh = asInt(mlState->height);
-    uint8_t* mask = presenterMaskBuffer.ensure(static_cast<size_t>(pw) * ph);
-    libyuv::ScalePlane(modelMaskBuffer.get(), mw, mw, mh, mask, pw, pw, ph,
-                       libyuv::kFilterBilinear);
+    const SourceWindow cameraX = VisibleSource(place.srcX, vw, pw, asInt(camera->width));
+    const SourceWindow cameraY = VisibleSource(place.srcY, vh, ph, asInt(camera->height));
+    const SourceWindow maskX = VisibleSource(place.srcX, vw, pw, mw);
+    const SourceWindow maskY = VisibleSource(place.srcY, vh, ph, mh);
+    uint8_t* mask = presenterMaskBuffer.ensure(static_cast<size_t>(vw) * vh);
+    libyuv::ScalePlane(modelMaskBuffer.get() + static_cast<size_t>(maskY.start) * mw + maskX.start,
+                       mw, maskX.size, maskY.size, mask, vw, vw, vh, libyuv::kFilterBilinear);
     const I420Planes presenter =
         I420InBuffer(presenterYuvBuffer.ensure(
-                         I420BufferSize(static_cast<uint32_t>(pw), static_cast<uint32_t>(ph))),
-                     static_cast<uint32_t>(pw), static_cast<uint32_t>(ph));
-    libyuv::I420Scale(camera_.y, camera_.strideY, camera_.u, camera_.strideU, camera_.v,
-                      camera_.strideV, asInt(camera->width), asInt(camera->height), presenter.y,
-                      presenter.strideY, presenter.u, presenter.strideU, presenter.v,
-                      presenter.strideV, pw, ph, libyuv::kFilterBox);
+                         I420BufferSize(static_cast<uint32_t>(vw), static_cast<uint32_t>(vh))),
+                     static_cast<uint32_t>(vw), static_cast<uint32_t>(vh));
+    const I420Planes source = I420At(camera_, cameraX.start, cameraY.start);
+    libyuv::I420Scale(source.y, source.strideY, source.u, source.strideU, source.v, source.strideV,
+                      cameraX.size, cameraY.size, presenter.y, presenter.strideY, presenter.u,
+                      presenter.strideU, presenter.v, presenter.strideV, vw, vh,
+                      libyuv::kFilterBox);
 
-    uint8_t* alpha = presenterAlphaBuffer.ensure(static_cast<size_t>(pw) * ph);
-    const size_t offset = static_cast<size_t>(place.srcY) * pw + place.srcX;
+    uint8_t* alpha = presenterAlphaBuffer.ensure(static_cast<size_t>(vw) * vh);
     const I420Planes under = I420At(composed, place.x, place.y);
     if (variant == kPresenterOverlay) {
-        Presenter::ScaleAlpha(mask, alpha, static_cast<size_t>(pw) * ph,
+        Presenter::ScaleAlpha(mask, alpha, static_cast<size_t>(vw) * vh,
                               weathermanSettings.overlayAlpha);
     } else if (variant >= 0) {
-        Presenter::UnderlayAlpha(mask + offset, pw, under.y, under.strideY, alpha + offset, pw,
-                                 place.width, place.height, variant, presenterLayout);
+        Presenter::UnderlayAlpha(mask, vw, under.y, under.strideY, alpha, vw, vw, vh, variant,
+                                 presenterLayout);
     } else {
-        std::memcpy(alpha, mask, static_cast<size_t>(pw) * ph);
+        std::memcpy(alpha, mask, static_cast<size_t>(vw) * vh);
     }
-    uint8_t* chromaAlpha = presenterChromaAlphaBuffer.ensure(static_cast<size_t>(ChromaSize(pw)) *
-                                                             static_cast<size_t>(ChromaSize(ph)));
-    BlendI420(I420At(presenter, place.srcX, place.srcY), under, alpha + offset, pw, under,
-              chromaAlpha, place.width, place.height);
+    uint8_t* chromaAlpha = presenterChromaAlphaBuffer.ensure(static_cast<size_t>(ChromaSize(vw)) *
+                                                             static_cast<size_t>(ChromaSize(vh)));
+    BlendI420(presenter, under, alpha, vw, under, chromaAlpha, vw, vh);
     return true;
 }
 

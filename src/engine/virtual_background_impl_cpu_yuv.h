@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "engine/frame_record.h"
 #include "engine/i420_planes.h"
 #include "engine/presenter_geometry.h"
 #include "engine/virtual_background_impl.h"
@@ -34,7 +35,7 @@ class VirtualBackgroundImplYuv : public VirtualBackgroundImpl {
     void resetWeatherman() override;
 
     // Largest frame side the engine accepts.
-    static constexpr uint32_t kMaxFrameSide = 16384;
+    static constexpr uint32_t kMaxFrameSide = VBG::kMaxFrameSide;
 
   protected:
     // Applies pending settings and a new frame size (frame thread, start of a frame).

@@ -9,13 +9,17 @@
 #include <system_error>
 #include <utility>
 
+#include "util/bounded_json.h"
 #include "util/file_access.h"
 #include "util/log.h"
+#include "util/text.h"
 
 namespace VBG {
 namespace {
 
 constexpr uint64_t kMaxSelectionFileBytes = 64 * 1024;
+// The stored strings are short; longer ones are shown cut in the log.
+constexpr size_t kLoggedValueBytes = 128;
 
 // Decimal text to a signed 64-bit integer as std::stoll reads it (leading blanks, optional sign,
 // the longest numeric prefix), raising with the texts the rest of the system reports.
@@ -98,8 +102,12 @@ ProcessingTypeDetails ProcessingTypeInitializer::GetSelectedProcessingTypeDetail
         return details;
     }
     rapidjson::Document doc;
-    doc.Parse(text.c_str(), text.size());
-    if (doc.HasParseError() || !doc.IsObject()) {
+    const Json::ParseResult parsed = Json::Parse(text, doc);
+    if (parsed == Json::ParseResult::TooLarge || parsed == Json::ParseResult::TooDeep) {
+        ZLOG_ERROR(fn, "Stored processing type selection {} is {}", path, Json::Describe(parsed));
+        return details;
+    }
+    if (parsed != Json::ParseResult::Ok || !doc.IsObject()) {
         ZLOG_ERROR(fn, "Stored processing type selection {} is not a JSON object", path);
         return details;
     }
@@ -114,7 +122,8 @@ ProcessingTypeDetails ProcessingTypeInitializer::GetSelectedProcessingTypeDetail
     details.selectedTime = time;
     details.isValid = details.type != PtAuto;
     ZLOG_INFO(fn, "Previously selected processing details as string: {}, selected time: {}",
-              typeName, time);
+              Text::LogExcerpt(typeName, kLoggedValueBytes),
+              Text::LogExcerpt(time, kLoggedValueBytes));
     return details;
 }
 

@@ -127,4 +127,36 @@ bool CopyToField(char16_t* field, size_t capacity, std::string_view utf8, size_t
     return CopyToField(field, capacity, std::u16string_view(Utf8ToUtf16(utf8)), maxChars);
 }
 
+std::string LogExcerpt(std::string_view text, size_t maxBytes) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(std::min(text.size(), maxBytes) + 24);
+    size_t i = 0;
+    for (; i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        // Cut before the first byte of a character, not inside a UTF-8 sequence (a run of stray
+        // continuation bytes is cut anyway).
+        if (out.size() >= maxBytes && ((c & 0xC0) != 0x80 || out.size() >= maxBytes + 4)) {
+            break;
+        }
+        if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c < 0x20 || c == 0x7F) {
+            out += "\\x";
+            out.push_back(kHex[c >> 4]);
+            out.push_back(kHex[c & 0xF]);
+        } else {
+            out.push_back(static_cast<char>(c));
+        }
+    }
+    if (i < text.size()) {
+        out += " ... (truncated)";
+    }
+    return out;
+}
+
 }  // namespace VBG::Text

@@ -21,4 +21,9 @@ std::string FieldToUtf8(const char16_t* field, size_t capacity);
 bool CopyToField(char16_t* field, size_t capacity, std::u16string_view text, size_t maxChars);
 bool CopyToField(char16_t* field, size_t capacity, std::string_view utf8, size_t maxChars);
 
+// Outside text as it may appear in one log record: control characters escaped ("\n", "\x1b"), so
+// that it can never start a record of its own, and cut at a character boundary once about
+// `maxBytes` bytes are written, with " ... (truncated)" appended.
+std::string LogExcerpt(std::string_view text, size_t maxBytes);
+
 }  // namespace VBG::Text
