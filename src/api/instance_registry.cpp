@@ -23,9 +23,11 @@ struct Slot {
     std::atomic<VirtualBackground*> engine{nullptr};
 };
 
-// Constant-initialised and trivially destructible: usable from any thread at any time, including
-// while the process exits.
-Slot slots[InstanceRegistry::kCapacity];
+// The handle slots, then the slots of the bare engines of ZynNativeInternalCreate. Constant-
+// initialised and trivially destructible: usable from any thread at any time, including while the
+// process exits.
+constexpr uint32_t kAllSlots = InstanceRegistry::kCapacity + InstanceRegistry::kBareCapacity;
+Slot slots[kAllSlots];
 
 struct Waits {
     std::mutex allocation;  // which slot a new instance gets
@@ -47,6 +49,17 @@ uint32_t generationOf(uint64_t word) {
 bool decode(const void* handle, uint32_t& slot, uint32_t& generation) {
     const auto value = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(handle));
     if ((value & kTagMask) != kTag) {
+        // A bare engine is found by its address among the few slots bare engines get.
+        if (handle == nullptr) {
+            return false;
+        }
+        for (uint32_t i = InstanceRegistry::kCapacity; i < kAllSlots; ++i) {
+            if (slots[i].engine.load(std::memory_order_acquire) == handle) {
+                slot = i;
+                generation = generationOf(slots[i].word.load(std::memory_order_acquire));
+                return true;
+            }
+        }
         return false;
     }
     const uint64_t index = value & 0xffff;
@@ -77,18 +90,23 @@ void InstanceRegistry::Pin::release() {
     }
 }
 
-void* InstanceRegistry::Register(VirtualBackground* engine) {
+void* InstanceRegistry::Register(VirtualBackground* engine, bool bare) {
     if (engine == nullptr) {
         return nullptr;
     }
     std::lock_guard<std::mutex> lock(waits().allocation);
-    for (uint32_t i = 0; i < kCapacity; ++i) {
-        const uint32_t slot = (waits().cursor + i) % kCapacity;
+    const uint32_t first = bare ? kCapacity : 0;
+    const uint32_t count = bare ? kBareCapacity : kCapacity;
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint32_t slot = bare ? first + i : (waits().cursor + i) % kCapacity;
         if (slots[slot].engine.load(std::memory_order_acquire) != nullptr) {
             continue;
         }
-        waits().cursor = (slot + 1) % kCapacity;
         slots[slot].engine.store(engine, std::memory_order_release);
+        if (bare) {
+            return engine;
+        }
+        waits().cursor = (slot + 1) % kCapacity;
         const uint64_t generation = generationOf(slots[slot].word.load(std::memory_order_acquire));
         return reinterpret_cast<void*>(
             static_cast<uintptr_t>(kTag | (generation << 16) | (uint64_t{slot} + 1)));
@@ -107,7 +125,7 @@ InstanceRegistry::Pin InstanceRegistry::Acquire(const void* handle) {
         return {};
     }
     VirtualBackground* engine = slots[slot].engine.load(std::memory_order_acquire);
-    if (engine == nullptr) {
+    if (engine == nullptr || (slot >= kCapacity && engine != handle)) {
         unpin(slot);
         return {};
     }

@@ -20,6 +20,10 @@ class InstanceRegistry {
   public:
     // How many instances can be live at once; a create beyond it is refused.
     static constexpr uint32_t kCapacity = 4096;
+    // How many bare engines (ZynNativeInternalCreate) can be live at once. Their handle value is
+    // the engine's address, as that export promises; calls that get such a value look it up among
+    // these few slots, so a freed one is still refused.
+    static constexpr uint32_t kBareCapacity = 64;
 
     // A pinned engine: while this object lives the engine is not deleted.
     class Pin {
@@ -46,9 +50,9 @@ class InstanceRegistry {
         VirtualBackground* engine_ = nullptr;
     };
 
-    // Makes `engine` live and returns its handle value (never null), or null when the registry is
-    // full. The registry does not own the engine.
-    static void* Register(VirtualBackground* engine);
+    // Makes `engine` live and returns its handle value (never null; the engine's own address when
+    // `bare`), or null when the registry is full. The registry does not own the engine.
+    static void* Register(VirtualBackground* engine, bool bare = false);
 
     // Pins the engine behind `handle`; an empty pin when the value is null, stale or being
     // destroyed.

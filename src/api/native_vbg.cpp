@@ -515,6 +515,12 @@ ZYN_API void* ZynNativeInternalCreate(const VBGSettings* settings) {
         if (engine == nullptr) {
             return nullptr;
         }
+        if (InstanceRegistry::Register(engine, true) == nullptr) {
+            ZLOG_ERROR(fn, "No more than {} engines of this export can be live at once",
+                       InstanceRegistry::kBareCapacity);
+            delete engine;
+            return nullptr;
+        }
         ZLOG_INFO(fn,
                   "ZynNativeInternalCreate created successfully, process id: {0}, object: "
                   "0x{1:X}, version: {2}",
@@ -524,6 +530,7 @@ ZYN_API void* ZynNativeInternalCreate(const VBGSettings* settings) {
 }
 
 ZYN_API void ZynNativeInternalDestroy(void* object) {
-    guardedVoid("ZynNativeInternalDestroy",
-                [&] { delete static_cast<VirtualBackground*>(object); });
+    // Only an engine this export made and did not free yet is deleted, once the calls in flight
+    // with it have returned; any other value is left alone.
+    guardedVoid("ZynNativeInternalDestroy", [&] { delete InstanceRegistry::Retire(object); });
 }
