@@ -1,5 +1,5 @@
 // The evaluation thread against the threads that wait for it: the end wakes every waiter, a waiter
-// that came too late runs into its deadline, and one library start runs one evaluation.
+// that comes after the end returns at once, and one library start runs one evaluation.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -93,20 +93,20 @@ TEST_F(EvaluationWaitTest, EveryWaiterIsWokenWithTrueWhenTheEvaluationEnds) {
     EXPECT_EQ(standIn.calls(), std::vector<std::string>{"OpenVinoGpuPPGPU"});
 }
 
-TEST_F(EvaluationWaitTest, WaiterThatMissedTheEndReturnsFalseAtTheDeadline) {
+TEST_F(EvaluationWaitTest, WaiterThatComesAfterTheEndReturnsTrueAtOnce) {
+    // An automatic create that saw the evaluation running and begins its wait just after the end
+    // was signalled must not sit out the whole wait.
     EvaluatorStandIn standIn("exit 0");
-    useProgram(standIn.program(), 300ms);
+    useProgram(standIn.program(), 60s);
     ProcessingTypeEvaluator::StartEvaluation();
     ASSERT_TRUE(waitUntilNotRunning());
     ASSERT_EQ(standIn.calls().size(), 1u);
 
     LogCapture log;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(ProcessingTypeEvaluator::WaitForEvaluationToComplete());
-    const auto waited = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(waited, 300ms);
-    EXPECT_LT(waited, 10s);
-    EXPECT_TRUE(log.has(spdlog::level::err, "Evaluation thread timeout occured")) << log.dump();
+    EXPECT_TRUE(ProcessingTypeEvaluator::WaitForEvaluationToComplete());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    EXPECT_FALSE(log.contains("Evaluation thread timeout occured")) << log.dump();
 }
 
 TEST_F(EvaluationWaitTest, SecondStartWhileRunningRunsNoSecondEvaluation) {

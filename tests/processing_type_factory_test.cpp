@@ -7,6 +7,7 @@
 #include <chrono>
 #include <filesystem>
 #include <future>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,6 +36,13 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr const char* kAutoFn = "VBG::VirtualBackground::createAutoZynNative";
+
+// An effect configuration with a presenter layout, in the given processing mode.
+std::string overlayConfig(int mode) {
+    return R"({"processingMode": )" + std::to_string(mode) +
+           R"(, "effects": [{"name": "weatherman", "mode": "overlay", "weathermanAlpha": "0.9", )"
+           R"("weathermanSize": "0.5", "weathermanOffsetX": "0.25", "weathermanOffsetY": "0"}]})";
+}
 
 class FactoryTest : public ::testing::Test {
   protected:
@@ -180,12 +188,61 @@ TEST_F(FactoryTest, AutomaticCreateWithoutSelectionOrEvaluationGivesStatusZeroAn
         << log.dump();
     EXPECT_TRUE(log.has(spdlog::level::err, "createAutoZynNative failed"));
 
-    // The same through the create export: status 0 and the handle left null.
-    ZynNativeHandle handle = reinterpret_cast<ZynNativeHandle>(0x1);
-    EXPECT_EQ(ZynNativeVideoProcessingCreateInstance(
-                  R"({"processingMode": 3, "effects": [{"name": "blur"}]})", &handle),
-              static_cast<uint32_t>(ZYN_STATUS_SUCCESS));
-    EXPECT_EQ(handle, nullptr);
+    // The same through the create export: status 0 and the handle left null, also when a
+    // presenter layout would have been set up on the new instance.
+    for (const std::string& json :
+         {std::string(R"({"processingMode": 3, "effects": [{"name": "blur"}]})"),
+          overlayConfig(3)}) {
+        SCOPED_TRACE(json);
+        ZynNativeHandle handle = reinterpret_cast<ZynNativeHandle>(0x1);
+        EXPECT_EQ(ZynNativeVideoProcessingCreateInstance(json.c_str(), &handle),
+                  static_cast<uint32_t>(ZYN_STATUS_SUCCESS));
+        EXPECT_EQ(handle, nullptr);
+    }
+}
+
+// Engines whose init or presenter set-up throws; every destruction is counted.
+std::atomic<int> throwingEnginesDestroyed{0};
+std::atomic<bool> throwInInit{false};
+
+class ThrowingEngine : public VirtualBackgroundImplYuv {
+  public:
+    using VirtualBackgroundImplYuv::VirtualBackgroundImplYuv;
+    ~ThrowingEngine() override { throwingEnginesDestroyed.fetch_add(1); }
+    int init(const VBGSettings&, uint32_t, uint32_t) override {
+        if (throwInInit.load()) {
+            throw std::runtime_error("init threw");
+        }
+        return 0;
+    }
+    bool updateWeatherman(const ZynNativeWeathermanSettings&) override {
+        throw std::runtime_error("presenter set-up threw");
+    }
+};
+
+TEST_F(FactoryTest, CreateThatThrowsLeavesTheHandleNullAndFreesTheEngine) {
+    VirtualBackground::SetEngineMakerForTesting(
+        [](uint32_t pt) -> VirtualBackground* { return new ThrowingEngine(pt); });
+    const struct {
+        bool inInit;
+        std::string json;
+        const char* message;
+    } cases[] = {{true, R"({"processingMode": 2, "effects": [{"name": "blur"}]})", "init threw"},
+                 {false, overlayConfig(2), "presenter set-up threw"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        throwInInit = c.inInit;
+        throwingEnginesDestroyed = 0;
+        LogCapture log;
+        ZynNativeHandle handle = nullptr;
+        EXPECT_EQ(ZynNativeVideoProcessingCreateInstance(c.json.c_str(), &handle),
+                  static_cast<uint32_t>(ZYN_STATUS_CONFIG_FAILED));
+        EXPECT_EQ(handle, nullptr);
+        EXPECT_EQ(throwingEnginesDestroyed.load(), 1);
+        EXPECT_TRUE(log.has(spdlog::level::err, c.message)) << log.dump();
+        ZynNativeVideoProcessingDestroyInstance(&handle);
+    }
+    VirtualBackground::SetEngineMakerForTesting(nullptr);
 }
 
 TEST_F(FactoryTest, AutomaticCreateWaitsForTheEvaluationAndUsesItsSelection) {

@@ -1,9 +1,10 @@
 // Long-running use of the library through the exported functions, as a host would: two instances
 // on two threads at once, each updated every few frames through blur, a picture, an animated GIF,
-// a video, touch-up and a presenter layout, with the camera frame size changing under them. What
-// a run measures: failed frames (none may fail: every configuration used here processes every
-// frame), resident memory after warm-up, and the threads left once both instances are destroyed
-// and the library is shut down.
+// a video, touch-up and a presenter layout, with the camera frame size changing under them. Beside
+// them a third instance is made and ended over and over on a control thread while a frame thread
+// of its own keeps using it (see RunChurn). What a run measures: failed frames (none of the two
+// instances may fail: every configuration used here processes every frame), resident memory after
+// warm-up, and the threads left once every instance is destroyed and the library is shut down.
 #pragma once
 
 #include <dirent.h>
@@ -223,6 +224,84 @@ inline void RunInstance(ZynNativeHandle* handle, CameraFrames& camera, uint32_t 
     }
 }
 
+// A third instance made and ended over and over while frames flow: each round the control thread
+// makes it, asks for a feedback dump, and ends it the way a host can without meaning to, by an
+// update that is rejected or by a feedback request made while the previous one still waits for its
+// frame (refused, which also destroys). Its frame thread never stops: its frames return 0 while the
+// instance lives and 2 while it does not, never anything else, and nothing crashes.
+struct Churn {
+    int rounds = 0;
+    int frames = 0;   // processed (0)
+    int refused = 0;  // refused (2): no live instance at that moment
+    std::vector<std::string> failures;
+};
+
+inline void RunChurn(const std::atomic<bool>& running, Frame& in, Churn& churn) {
+    ZynNativeHandle handle = nullptr;
+    Frame out(in.width(), in.height(), in.format());
+    std::atomic<bool> stop{false};
+    std::atomic<int> frames{0}, refused{0}, unexpected{0};
+    std::thread frameThread([&] {
+        while (!stop.load()) {
+            ZynNativeInputFrame i = in.record();
+            ZynNativeInputFrame o = out.record();
+            const uint32_t status = ZynNativeVideoProcessingProcessFrame(&handle, &i, &o);
+            if (status == ZYN_STATUS_SUCCESS) {
+                frames.fetch_add(1);
+            } else if (status == ZYN_STATUS_FRAME_FAILED) {
+                refused.fetch_add(1);
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            } else {
+                unexpected.fetch_add(1);
+            }
+        }
+    });
+    const auto framesGo = [&](int count) {
+        const int target = frames.load() + count;
+        while (running.load() && frames.load() < target) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    };
+    const std::string feedback = R"({"feedback": true, "id": "churn"})";
+    while (running.load()) {
+        const std::string round = "churn round " + std::to_string(churn.rounds);
+        const uint32_t created =
+            ZynNativeVideoProcessingCreateInstance(BlurConfig().c_str(), &handle);
+        if (created != ZYN_STATUS_SUCCESS) {
+            churn.failures.push_back(round + ": create returned " + std::to_string(created));
+            break;
+        }
+        framesGo(3);
+        const uint32_t dump = ZynNativeVideoProcessingUpdateInstance(&handle, feedback.c_str());
+        if (dump != ZYN_STATUS_SUCCESS) {
+            churn.failures.push_back(round + ": feedback request returned " + std::to_string(dump));
+        }
+        framesGo(2);
+        uint32_t status = ZYN_STATUS_SUCCESS;
+        const bool rejectedUpdate = churn.rounds % 2 == 0;
+        for (int i = 0; i < 200 && status == ZYN_STATUS_SUCCESS; ++i) {
+            status = ZynNativeVideoProcessingUpdateInstance(
+                &handle, rejectedUpdate ? "{\"effects\": 1" : feedback.c_str());
+        }
+        const uint32_t expected =
+            rejectedUpdate ? ZYN_STATUS_CONFIG_FAILED : ZYN_STATUS_FRAME_FAILED;
+        if (status != expected || handle != nullptr) {
+            churn.failures.push_back(round + ": ending update returned " + std::to_string(status));
+        }
+        ZynNativeVideoProcessingDestroyInstance(&handle);
+        ++churn.rounds;
+    }
+    stop.store(true);
+    frameThread.join();
+    ZynNativeVideoProcessingDestroyInstance(&handle);
+    churn.frames = frames.load();
+    churn.refused = refused.load();
+    if (unexpected.load() != 0) {
+        churn.failures.push_back(std::to_string(unexpected.load()) +
+                                 " churn frames returned neither 0 nor 2");
+    }
+}
+
 struct Report {
     int frames = 0;
     int updates = 0;
@@ -278,6 +357,8 @@ inline Report RunSoak(const Options& options) {
     Outcome outcomes[2];
     std::mutex memoryMutex;
     std::atomic<bool> running{true};
+    Churn churn;
+    std::thread churner([&] { RunChurn(running, nv12.in(1), churn); });
     std::thread threads[2] = {
         std::thread([&] {
             RunInstance(&handles[0], nv12, ZYN_FORMAT_NV12, options, outcomes[0], memoryMutex);
@@ -297,6 +378,11 @@ inline Report RunSoak(const Options& options) {
     }
     running.store(false);
     watcher.join();
+    churner.join();
+    EXPECT_GT(churn.rounds, 0);
+    EXPECT_GT(churn.frames, 0);
+    EXPECT_TRUE(churn.failures.empty())
+        << churn.failures.size() << " churn failures, first: " << churn.failures.front();
 
     for (int i = 0; i < 2; ++i) {
         report.frames += outcomes[i].frames;
@@ -350,12 +436,14 @@ inline Report RunSoak(const Options& options) {
             << "resident memory grew from " << Megabytes(report.residentAfterWarmUp) << " MiB to "
             << Megabytes(samples.back()) << " MiB";
     }
-    std::cout << "soak: " << report.frames << " frames, " << report.updates << " updates; resident "
-              << Megabytes(report.residentAfterWarmUp) << " MiB after warm-up, peak "
-              << Megabytes(report.residentPeak) << " MiB, final " << Megabytes(report.residentFinal)
-              << " MiB; threads " << report.threadsBefore << " before, " << report.threadsPeak
-              << " at peak, " << report.threadsAfter << " after shutdown"
-              << (kSanitized ? " (memory not checked under a sanitizer)" : "") << std::endl;
+    std::cout << "soak: " << report.frames << " frames, " << report.updates << " updates; churn "
+              << churn.rounds << " instances made and ended, " << churn.frames << " frames, "
+              << churn.refused << " refused; resident " << Megabytes(report.residentAfterWarmUp)
+              << " MiB after warm-up, peak " << Megabytes(report.residentPeak) << " MiB, final "
+              << Megabytes(report.residentFinal) << " MiB; threads " << report.threadsBefore
+              << " before, " << report.threadsPeak << " at peak, " << report.threadsAfter
+              << " after shutdown" << (kSanitized ? " (memory not checked under a sanitizer)" : "")
+              << std::endl;
     return report;
 }
 

@@ -3,9 +3,11 @@
 #include <atomic>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <string>
 
+#include "api/instance_registry.h"
 #include "config/config_parser.h"
 #include "config/vbg_settings.h"
 #include "diag/spdlog_init.h"
@@ -18,6 +20,7 @@
 #include "util/zyn_utils.h"
 #include "zyn_native_vbg.h"
 
+using VBG::InstanceRegistry;
 using VBG::VirtualBackground;
 namespace Utils = VBG::Utils;
 
@@ -36,9 +39,34 @@ constexpr uint32_t kInitialHeight = 360;
 const char kSupportedEffects[] =
     R"({"effects": ["blur","background","touchUp", "weatherman", "feedback"]})";
 
-VirtualBackground* engineOf(ZynNativeHandle* handle) {
-    return handle == nullptr ? nullptr : static_cast<VirtualBackground*>(*handle);
+// The host's handle variable is read on the frame thread while a control thread may write it (a
+// rejected update writes null there): both sides use atomic accesses.
+void* loadHandle(ZynNativeHandle* handle) {
+    return handle == nullptr ? nullptr : __atomic_load_n(handle, __ATOMIC_ACQUIRE);
 }
+
+void storeHandle(ZynNativeHandle* handle, void* value) {
+    if (handle != nullptr) {
+        __atomic_store_n(handle, value, __ATOMIC_RELEASE);
+    }
+}
+
+// The engine behind the handle, pinned for the length of the call.
+InstanceRegistry::Pin pinOf(ZynNativeHandle* handle) {
+    return InstanceRegistry::Acquire(loadHandle(handle));
+}
+
+// An engine made by a create and not yet handed to the host: freed as the destroys free it.
+struct EngineDeleter {
+    void operator()(VirtualBackground* engine) const noexcept {
+        try {
+            engine->shutdown();
+        } catch (...) {
+        }
+        delete engine;
+    }
+};
+using EnginePtr = std::unique_ptr<VirtualBackground, EngineDeleter>;
 
 void logException(const char* function, const char* what) {
     ZLOG_ERROR(function, "{}", what);
@@ -93,43 +121,63 @@ bool readVersion(ZynNativeVersion& out) {
     }
 }
 
-// Shared creation routine of both creates.
-uint32_t createInstanceImpl(const ZynNativeConfig& config, ZynNativeHandle* handle) {
+// Shared creation routine of both creates. Once the configuration is converted the handle holds
+// null until publish() writes the new instance, so that a create that fails or throws from here on
+// leaves it null; `engine` owns what was made until then.
+uint32_t createInstanceImpl(const ZynNativeConfig& config, ZynNativeHandle* handle,
+                            EnginePtr& engine) {
     VBGSettings settings = VBG::DefaultVBGSettings();
     if (!VBG::D3D12Utils::ConvertToVBGSettings(config, settings)) {
         return ZYN_STATUS_CONFIG_FAILED;
     }
+    storeHandle(handle, nullptr);
+    engine.reset();
     const std::string version = productVersionText();
     uint32_t error = 0;
-    VirtualBackground* engine =
-        VirtualBackground::createZynNative(settings, error, kInitialWidth, kInitialHeight);
-    if (engine != nullptr) {
-        *handle = engine;
+    engine.reset(
+        VirtualBackground::createZynNative(settings, error, kInitialWidth, kInitialHeight));
+    if (engine) {
         ZLOG_INFO("ZynNativeVbgCreateInstanceImpl",
                   "ZYNNativeVbg created successfully, process id: {0}, thread id: {1}, object: "
                   "0x{2:X}, version: {3}",
-                  Utils::ProcessId(), Utils::ThreadId(), VBG::addr(engine), version);
+                  Utils::ProcessId(), Utils::ThreadId(), VBG::addr(engine.get()), version);
         return ZYN_STATUS_SUCCESS;
     }
     ZLOG_INFO("ZynNativeVbgCreateInstanceImpl",
               "ZYNNativeVbg create failed, process id: {0}, thread id: {1}, error code: {2}, "
               "version: {3}",
               Utils::ProcessId(), Utils::ThreadId(), error, version);
-    *handle = nullptr;
     // Stays 0 when the automatic path failed before any attempt: hosts test the handle too.
     return error;
 }
 
+// Makes a created engine live and writes its handle value; 3 when no more instances fit.
+uint32_t publish(const char* function, EnginePtr& engine, ZynNativeHandle* handle,
+                 uint32_t status) {
+    if (!engine) {
+        return status;
+    }
+    void* value = InstanceRegistry::Register(engine.get());
+    if (value == nullptr) {
+        ZLOG_ERROR(function, "No more than {} instances can be live at once",
+                   InstanceRegistry::kCapacity);
+        engine.reset();
+        return ZYN_STATUS_CONFIG_FAILED;
+    }
+    engine.release();
+    storeHandle(handle, value);
+    return status;
+}
+
 // Update routine of the older interface (also the effects branch of the newer update).
-uint32_t updateInstanceImpl(ZynNativeHandle* handle, const ZynNativeConfig& config) {
+uint32_t updateInstanceImpl(const InstanceRegistry::Pin& engine, const ZynNativeConfig& config) {
     VBGSettings settings = VBG::DefaultVBGSettings();
     if (!VBG::D3D12Utils::ConvertToVBGSettings(config, settings)) {
         ZLOG_ERROR("ZynNativeVbgUpdateInstanceImpl", "ConvertToVBGSettings failed");
         return ZYN_STATUS_CONFIG_FAILED;
     }
-    VirtualBackground* engine = engineOf(handle);
-    if (engine == nullptr) {
-        ZLOG_ERROR("ZynNativeVbgUpdateInstanceImpl", "update called without an instance");
+    if (!engine) {
+        ZLOG_ERROR("ZynNativeVbgUpdateInstanceImpl", "update called without a live instance");
         return ZYN_STATUS_CONFIG_FAILED;
     }
     if (!engine->update(settings)) {
@@ -139,18 +187,20 @@ uint32_t updateInstanceImpl(ZynNativeHandle* handle, const ZynNativeConfig& conf
     return ZYN_STATUS_SUCCESS;
 }
 
+// Ends the instance behind the handle once the calls in flight with it have returned, and writes
+// null to the handle. A handle whose instance is already gone only gets the null.
+void retireInstance(ZynNativeHandle* handle) {
+    EnginePtr engine(InstanceRegistry::Retire(loadHandle(handle)));
+    engine.reset();
+    storeHandle(handle, nullptr);
+}
+
 void destroyInstance(ZynNativeHandle* handle) {
-    VirtualBackground* engine = engineOf(handle);
     ZLOG_INFO("ZynNativeVideoProcessingDestroyInstance",
               "DestroyInstance, process id: {0}, thread id: {1}, object: 0x{2:X}",
-              Utils::ProcessId(), Utils::ThreadId(), VBG::addr(engine));
-    if (engine != nullptr) {
-        engine->shutdown();
-        delete engine;
-    }
-    if (handle != nullptr) {
-        *handle = nullptr;
-    }
+              Utils::ProcessId(), Utils::ThreadId(),
+              VBG::addr(InstanceRegistry::Peek(loadHandle(handle))));
+    retireInstance(handle);
     ZLOG_INFO("ZynNativeVideoProcessingDestroyInstance",
               "DestroyInstance done, process id: {0}, thread id: {1}", Utils::ProcessId(),
               Utils::ThreadId());
@@ -164,9 +214,9 @@ void destroySharedObjects() {
 
 uint32_t processFrame(const char* function, ZynNativeHandle* handle, const ZynNativeInputFrame* in,
                       ZynNativeInputFrame* out) {
-    VirtualBackground* engine = engineOf(handle);
-    if (engine == nullptr || in == nullptr || out == nullptr) {
-        ZLOG_ERROR(function, "processVideoFrame called without an instance or a frame record");
+    const InstanceRegistry::Pin engine = pinOf(handle);
+    if (!engine || in == nullptr || out == nullptr) {
+        ZLOG_ERROR(function, "processVideoFrame called without a live instance or a frame record");
         return ZYN_STATUS_FRAME_FAILED;
     }
     return engine->processVideoFrame(in, out) ? ZYN_STATUS_SUCCESS : ZYN_STATUS_FRAME_FAILED;
@@ -248,7 +298,9 @@ ZYN_API uint32_t ZynNativeVbgCreateInstance(const ZynNativeConfig* config,
             return ZYN_STATUS_CONFIG_FAILED;
         }
         std::lock_guard<std::mutex> lock(apiMutex);
-        return createInstanceImpl(*config, handle);
+        EnginePtr engine;
+        const uint32_t status = createInstanceImpl(*config, handle, engine);
+        return publish(fn, engine, handle, status);
     });
 }
 
@@ -277,18 +329,23 @@ ZYN_API uint32_t ZynNativeVideoProcessingCreateInstance(const char* jsonConfig,
             ZLOG_ERROR(fn, "Feedback constraint passed in create instance");
             return ZYN_STATUS_FEEDBACK_ONLY;
         }
-        uint32_t status = createInstanceImpl(config, handle);
+        EnginePtr engine;
+        uint32_t status = createInstanceImpl(config, handle, engine);
         if (status == ZYN_STATUS_NOT_SUPPORTED && config.processingMode == 1) {
             ZLOG_INFO(fn, "GPU not supported, switching to CPU");
             config.processingMode = 2;
-            status = createInstanceImpl(config, handle);
+            status = createInstanceImpl(config, handle, engine);
         }
-        if (status == ZYN_STATUS_SUCCESS && found.weatherman) {
-            if (!engineOf(handle)->updateWeatherman(weatherman)) {
+        // The automatic path may give up with status 0 and no engine: nothing to set up then.
+        if (status == ZYN_STATUS_SUCCESS && engine && found.weatherman) {
+            if (!engine->updateWeatherman(weatherman)) {
                 ZLOG_ERROR("ZynNativeWeathermanUpdateInstance", "Weatherman update failed");
                 status = ZYN_STATUS_UPDATE_REJECTED;
             }
         }
+        // The instance becomes visible to the host only now: if anything above threw, the engine
+        // is freed on the way out and the handle stays null.
+        status = publish(fn, engine, handle, status);
         ZLOG_INFO(fn, "ZYNNativeVideoProcessing created with status {}", status);
         return status;
     });
@@ -303,7 +360,7 @@ ZYN_API uint32_t ZynNativeVbgUpdateInstance(ZynNativeHandle* handle,
             return ZYN_STATUS_CONFIG_FAILED;
         }
         std::lock_guard<std::mutex> lock(apiMutex);
-        return updateInstanceImpl(handle, *config);
+        return updateInstanceImpl(pinOf(handle), *config);
     });
 }
 
@@ -316,11 +373,11 @@ ZYN_API uint32_t ZynNativeVideoProcessingUpdateInstance(ZynNativeHandle* handle,
         VBG::ZynFeedbackSettings feedback;
         const VBG::ConfigSections found =
             VBG::ConfigParser::ConvertToZynNativeConfig(jsonConfig, config, weatherman, feedback);
-        VirtualBackground* engine = engineOf(handle);
+        const InstanceRegistry::Pin engine = pinOf(handle);
         // Exactly one branch runs: presenter settings take precedence over effects, effects over
         // feedback.
         if (found.weatherman) {
-            if (engine == nullptr) {
+            if (!engine) {
                 ZLOG_ERROR(fn, "update called without an instance");
                 return ZYN_STATUS_CONFIG_FAILED;
             }
@@ -331,17 +388,18 @@ ZYN_API uint32_t ZynNativeVideoProcessingUpdateInstance(ZynNativeHandle* handle,
             return ZYN_STATUS_SUCCESS;
         }
         if (found.effects) {
-            return updateInstanceImpl(handle, config);
+            return updateInstanceImpl(engine, config);
         }
         if (found.feedback) {
-            if (engine == nullptr) {
+            if (!engine) {
                 return ZYN_STATUS_FRAME_FAILED;
             }
             return engine->updateFeedback(feedback) ? ZYN_STATUS_SUCCESS : ZYN_STATUS_FRAME_FAILED;
         }
         return ZYN_STATUS_CONFIG_FAILED;
     });
-    // A failed update always costs the host its instance.
+    // A failed update always costs the host its instance (the pin above is released by now; the
+    // destroy waits for the frames in flight).
     if (status != ZYN_STATUS_SUCCESS) {
         guardedVoid(fn, [&] { destroyInstance(handle); });
     }
@@ -380,8 +438,8 @@ ZYN_API uint32_t ZynNativeVideoProcessingProcessPresentationFrame(ZynNativeHandl
                                                                   ZynNativeInputFrame* out) {
     constexpr const char* fn = "ZynNativeVideoProcessingProcessPresentationFrame";
     return guarded<uint32_t>(fn, ZYN_STATUS_FRAME_FAILED, [&]() -> uint32_t {
-        VirtualBackground* engine = engineOf(handle);
-        if (engine == nullptr || frames == nullptr || out == nullptr) {
+        const InstanceRegistry::Pin engine = pinOf(handle);
+        if (!engine || frames == nullptr || out == nullptr) {
             ZLOG_ERROR(fn, "processPresentationFrame called without an instance or a frame record");
             return ZYN_STATUS_FRAME_FAILED;
         }
@@ -393,8 +451,8 @@ ZYN_API uint32_t ZynNativeVideoProcessingProcessPresentationFrame(ZynNativeHandl
 ZYN_API bool ZynNativeVideoProcessingGetOutputFrameSize(ZynNativeHandle* handle, uint32_t* width,
                                                         uint32_t* height) {
     return guarded<bool>("ZynNativeVideoProcessingGetOutputFrameSize", false, [&] {
-        VirtualBackground* engine = engineOf(handle);
-        return engine != nullptr && engine->getOutputFrameSize(width, height);
+        const InstanceRegistry::Pin engine = pinOf(handle);
+        return engine && engine->getOutputFrameSize(width, height);
     });
 }
 
@@ -403,8 +461,8 @@ ZYN_API const char* ZynNativeVideoProcessingGetFrameProcessingStats(ZynNativeHan
                                                                     uint32_t* frameHeight,
                                                                     uint32_t* processingType) {
     return guarded<const char*>("ZynNativeVideoProcessingGetFrameProcessingStats", "", [&] {
-        VirtualBackground* engine = engineOf(handle);
-        if (engine == nullptr) {
+        const InstanceRegistry::Pin engine = pinOf(handle);
+        if (!engine) {
             return "";
         }
         return engine->getFrameProcessingStats(frameWidth, frameHeight, processingType);
@@ -415,19 +473,13 @@ ZYN_API void ZynNativeVbgDestroyInstance(ZynNativeHandle* handle) {
     constexpr const char* fn = "ZynNativeVbgDestroyInstance";
     guardedVoid(fn, [&] {
         std::lock_guard<std::mutex> lock(apiMutex);
-        VirtualBackground* engine = engineOf(handle);
         // The message's words predate the deletion below; both are kept as they are.
         ZLOG_INFO(fn,
                   "ZYNNativeVbg destroyed was called, but object not deleted, process id: {0}, "
                   "thread id: {1}, object: 0x{2:X}",
-                  Utils::ProcessId(), Utils::ThreadId(), VBG::addr(engine));
-        if (engine != nullptr) {
-            engine->shutdown();
-            delete engine;
-        }
-        if (handle != nullptr) {
-            *handle = nullptr;
-        }
+                  Utils::ProcessId(), Utils::ThreadId(),
+                  VBG::addr(InstanceRegistry::Peek(loadHandle(handle))));
+        retireInstance(handle);
     });
 }
 
@@ -471,6 +523,12 @@ ZYN_API void* ZynNativeInternalCreate(const VBGSettings* settings) {
         if (engine == nullptr) {
             return nullptr;
         }
+        if (InstanceRegistry::Register(engine, true) == nullptr) {
+            ZLOG_ERROR(fn, "No more than {} engines of this export can be live at once",
+                       InstanceRegistry::kBareCapacity);
+            delete engine;
+            return nullptr;
+        }
         ZLOG_INFO(fn,
                   "ZynNativeInternalCreate created successfully, process id: {0}, object: "
                   "0x{1:X}, version: {2}",
@@ -480,6 +538,7 @@ ZYN_API void* ZynNativeInternalCreate(const VBGSettings* settings) {
 }
 
 ZYN_API void ZynNativeInternalDestroy(void* object) {
-    guardedVoid("ZynNativeInternalDestroy",
-                [&] { delete static_cast<VirtualBackground*>(object); });
+    // Only an engine this export made and did not free yet is deleted, once the calls in flight
+    // with it have returned; any other value is left alone.
+    guardedVoid("ZynNativeInternalDestroy", [&] { delete InstanceRegistry::Retire(object); });
 }

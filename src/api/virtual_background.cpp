@@ -2,7 +2,9 @@
 
 #include <sys/utsname.h>
 
+#include <atomic>
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "engine/virtual_background_impl_cpu_yuv.h"
@@ -15,33 +17,47 @@
 
 namespace VBG {
 
-VirtualBackground* VirtualBackground::createZynNative(const VBGSettings& settings, uint32_t& error,
-                                                      uint32_t width, uint32_t height) {
-    VirtualBackgroundImpl* engine = nullptr;
-    switch (settings.pt) {
+namespace {
+
+std::atomic<VirtualBackground::EngineMaker> engineMaker{nullptr};
+
+VirtualBackground* makeEngine(uint32_t pt) {
+    if (const VirtualBackground::EngineMaker maker = engineMaker.load()) {
+        return maker(pt);
+    }
+    switch (pt) {
         case PtGPU:
         case PtOpenVinoCpuPPGPU:
         case PtOpenVinoGpuPPGPU:
         case PtOnnxRuntimeDMLPPGPU:
-            engine = new VirtualBackgroundImplGPU(settings.pt);
-            break;
-        case PtAuto: {
-            VirtualBackground* automatic = createAutoZynNative(settings, error, width, height);
-            if (automatic == nullptr) {
-                ZLOG_ERROR("VBG::VirtualBackground::createZynNative", "createAutoZynNative failed");
-            }
-            return automatic;
-        }
+            return new VirtualBackgroundImplGPU(pt);
         default:
-            engine = new VirtualBackgroundImplYuv(settings.pt);
-            break;
+            return new VirtualBackgroundImplYuv(pt);
     }
+}
+
+}  // namespace
+
+void VirtualBackground::SetEngineMakerForTesting(EngineMaker maker) {
+    engineMaker.store(maker);
+}
+
+VirtualBackground* VirtualBackground::createZynNative(const VBGSettings& settings, uint32_t& error,
+                                                      uint32_t width, uint32_t height) {
+    if (settings.pt == PtAuto) {
+        VirtualBackground* automatic = createAutoZynNative(settings, error, width, height);
+        if (automatic == nullptr) {
+            ZLOG_ERROR("VBG::VirtualBackground::createZynNative", "createAutoZynNative failed");
+        }
+        return automatic;
+    }
+    // Owned until init has succeeded: an engine whose init fails or throws is freed.
+    std::unique_ptr<VirtualBackground> engine(makeEngine(settings.pt));
     const int result = engine->init(settings, width, height);
     if (result == 0) {
-        return engine;
+        return engine.release();
     }
     error = result == 1 ? ZYN_STATUS_NOT_SUPPORTED : ZYN_STATUS_CONFIG_FAILED;
-    delete engine;
     return nullptr;
 }
 
@@ -55,8 +71,7 @@ VirtualBackground* VirtualBackground::createAutoZynNative(const VBGSettings& set
     ProcessingTypeDetails details = selection.GetSelectedProcessingTypeDetails();
     if (!details.isValid) {
         // Nothing usable stored yet: the evaluation started at library initialisation may still
-        // write it. A notification sent between the check and the wait is not seen; the wait then
-        // runs into its timeout.
+        // write it. An evaluation that ends between the check and the wait ends the wait at once.
         if (!ProcessingTypeEvaluator::IsEvaluationRunning()) {
             ZLOG_INFO(fn,
                       "Process Evaluation is not initialised and not running, possibly no "

@@ -38,6 +38,11 @@ class VirtualBackground {
     static VirtualBackground* createAutoZynNative(const VBGSettings& settings, uint32_t& error,
                                                   uint32_t width, uint32_t height);
     static bool ZynNativeVbgIsSupported();
+
+    // Test suites replace the construction of engines (before init) with their own; null restores
+    // the engines of the library.
+    using EngineMaker = VirtualBackground* (*)(uint32_t pt);
+    static void SetEngineMakerForTesting(EngineMaker maker);
 };
 
 }  // namespace VBG

@@ -89,7 +89,8 @@ bool VirtualBackgroundImpl::createMLProcessing() {
     if (!ok || backend == nullptr) {
         return false;
     }
-    mlProcessing = backend;
+    mlBackend = backend;
+    mlProcessing = backend.get();
     mlState = backend->createState();
     return mlState != nullptr;
 }

@@ -134,6 +134,8 @@ class VirtualBackgroundImpl : public VirtualBackground {
     uint32_t presentationHeight = 0;
     // Guards the feedback writer between updateFeedback (control thread) and the frame's writes.
     std::mutex engineMutex;
+    // The shared inference backend, kept alive by this engine for as long as it lives.
+    std::shared_ptr<IVBGMLProcessing> mlBackend;
     IVBGMLProcessing* mlProcessing = nullptr;
     std::unique_ptr<VBGMLState> mlState;
     std::shared_ptr<BackgroundImage> backgroundImage;

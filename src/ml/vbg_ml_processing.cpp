@@ -39,11 +39,31 @@ void FillSharedTables() {
     }
 }
 
-// The one backend of the process. Engine creation and shutdown are serialised by the exported
-// calls, so the pointer needs no lock of its own. It is a plain pointer on purpose: the backend is
-// released by DestroyVBGMLProcessingInstance, never by static destruction at process exit, when
-// the inference runtime may already be gone.
-IVBGMLProcessing* g_instance = nullptr;
+// The one backend of the process, made, replaced and dropped under its mutex: creates on several
+// threads and a shutdown may run at once. The process keeps one reference and every engine that
+// uses the backend keeps another, so a shutdown while instances live only drops the process's
+// reference: those instances go on processing frames with the backend they have, which is freed
+// with the last of them, and the next create makes a new one. (Failing their frames instead would
+// still need every frame in flight to be waited for, and would cost a check per frame.) Never
+// destroyed: the backend is released by DestroyVBGMLProcessingInstance or by its last engine,
+// never by static destruction at process exit, when the inference runtime may already be gone.
+struct SharedBackend {
+    std::mutex mutex;
+    std::shared_ptr<IVBGMLProcessing> instance;
+};
+
+SharedBackend& shared() {
+    static SharedBackend* const backend = new SharedBackend;
+    return *backend;
+}
+
+void destroyInstanceLocked() {
+    if (!shared().instance) {
+        return;
+    }
+    ZLOG_INFO("VBG::DestroyVBGMLProcessingInstance", "GetVBGMLProcessingInstance destroy");
+    shared().instance.reset();
+}
 
 }  // namespace
 
@@ -119,40 +139,37 @@ std::unique_ptr<IVBGMLProcessing> createBackend(uint32_t processingType) {
     }
 }
 
-std::pair<IVBGMLProcessing*, bool> GetVBGMLProcessingInstance(uint32_t processingType,
-                                                              const std::string& cachePath,
-                                                              const std::string& modelPath) {
-    if (g_instance == nullptr) {
+std::pair<std::shared_ptr<IVBGMLProcessing>, bool> GetVBGMLProcessingInstance(
+    uint32_t processingType, const std::string& cachePath, const std::string& modelPath) {
+    std::lock_guard<std::mutex> lock(shared().mutex);
+    std::shared_ptr<IVBGMLProcessing>& instance = shared().instance;
+    if (!instance) {
         ZLOG_INFO("VBG::GetVBGMLProcessingInstance", "GetVBGMLProcessingInstance create");
-        g_instance = createBackend(processingType).release();
-        if (g_instance == nullptr) {
+        instance = createBackend(processingType);
+        if (!instance) {
             // No renderer-wide Direct3D 12 object exists on this platform, so there is nothing
             // else to tear down.
-            DestroyVBGMLProcessingInstance();
+            destroyInstanceLocked();
             return {nullptr, false};
         }
-        g_instance->setCachePath(cachePath);
-        if (!g_instance->loadBindModel(modelPath)) {
+        instance->setCachePath(cachePath);
+        if (!instance->loadBindModel(modelPath)) {
             ZLOG_ERROR("VBG::GetVBGMLProcessingInstance", "loadBindModel failed");
-            DestroyVBGMLProcessingInstance();
+            destroyInstanceLocked();
             return {nullptr, false};
         }
     }
-    if (g_instance->processingType != processingType) {
+    if (instance->processingType != processingType) {
         ZLOG_WARN("VBG::GetVBGMLProcessingInstance",
                   "Processing Type mismatch and hence returning false to fallback");
         return {nullptr, false};
     }
-    return {g_instance, true};
+    return {instance, true};
 }
 
 void DestroyVBGMLProcessingInstance() {
-    if (g_instance == nullptr) {
-        return;
-    }
-    ZLOG_INFO("VBG::DestroyVBGMLProcessingInstance", "GetVBGMLProcessingInstance destroy");
-    delete g_instance;
-    g_instance = nullptr;
+    std::lock_guard<std::mutex> lock(shared().mutex);
+    destroyInstanceLocked();
 }
 
 }  // namespace VBG

@@ -30,7 +30,7 @@ extern float unitFloatTable[256];
 extern uint8_t maskContrastTable[256];
 
 class IVBGMLProcessing {
-public:
+  public:
     explicit IVBGMLProcessing(uint32_t processingType);
     virtual ~IVBGMLProcessing();
     IVBGMLProcessing(const IVBGMLProcessing&) = delete;
@@ -55,7 +55,7 @@ public:
     const uint32_t processingType;
     std::unique_ptr<uint8_t[]> inputBuffer;  // model-size staging image, 4 bytes a pixel
 
-protected:
+  protected:
     // Engines on different threads share the backend: runModel runs one inference at a time, so
     // that its staging image and its input and output tensors serve one engine's frame at once.
     std::mutex runMutex;
@@ -69,10 +69,11 @@ protected:
 std::unique_ptr<IVBGMLProcessing> createBackend(uint32_t processingType);
 
 // The process-wide backend: made, given its cache path and loaded on first use; refused (null,
-// false) for another processing type while it exists.
-std::pair<IVBGMLProcessing*, bool> GetVBGMLProcessingInstance(uint32_t processingType,
-                                                              const std::string& cachePath,
-                                                              const std::string& modelPath);
+// false) for another processing type while it exists. Callers keep the reference for as long as
+// they use the backend.
+std::pair<std::shared_ptr<IVBGMLProcessing>, bool> GetVBGMLProcessingInstance(
+    uint32_t processingType, const std::string& cachePath, const std::string& modelPath);
+// Drops the process's reference; engines that still hold one keep their backend until they go.
 void DestroyVBGMLProcessingInstance();
 
 }  // namespace VBG

@@ -48,7 +48,7 @@ struct EvaluationState {
     // Process exit: the detached thread must be out of the library's code before the process
     // destroys what it uses (the logger above all). The exit hook raises processExiting and waits
     // for threadActive to fall; the thread checks the flag between its steps and leaves at once,
-    // logging nothing more. An evaluator still running then is left running.
+    // logging nothing more. An evaluator still running then is killed with its process group.
     std::atomic<bool> processExiting{false};
     std::atomic<bool> threadActive{false};
 };
@@ -180,8 +180,8 @@ int spawnHidden(const std::string& program, const std::vector<std::string>& args
                        environ);
 }
 
-// An evaluator that outlived the wait is left running: it is never killed. A waiting thread of its
-// own reaps it whenever it ends, so that no zombie process stays behind in the host.
+// A killed evaluator that does not go at once (stuck in the kernel) is reaped by a waiting thread
+// of its own whenever it ends, so that no zombie process stays behind in the host.
 void reapWhenEnded(pid_t pid) {
     try {
         std::thread([pid] {
@@ -195,34 +195,107 @@ void reapWhenEnded(pid_t pid) {
     }
 }
 
-// Waits for the child at most `limit` and turns the way it ended into the evaluation result.
-int32_t getProcessExitCode(pid_t pid, std::chrono::milliseconds limit) {
-    constexpr const char* fn = "VBG::ProcessingTypeEvaluator::GetProcessExitCode";
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+// Ends the evaluator's whole process group: the program and whatever it started. The evaluator
+// leads a session (and so a group) of its own, whose id stays taken while the evaluator is
+// unreaped, so the signal reaches nothing else.
+void killGroup(pid_t pid) {
+    ::kill(-pid, SIGKILL);
+}
+
+// Reaps an evaluator that was just killed: at once as a rule, else later on a thread of its own.
+void reapKilled(pid_t pid) {
+    constexpr auto kReapWait = std::chrono::seconds(2);
+    const auto deadline = std::chrono::steady_clock::now() + kReapWait;
     int status = 0;
     for (;;) {
         const pid_t ended = waitpid(pid, &status, WNOHANG);
-        if (ended == pid) {
+        if (ended == pid || (ended < 0 && errno != EINTR)) {
+            return;  // reaped, by us or (ECHILD) by the host
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            reapWhenEnded(pid);
+            return;
+        }
+        std::this_thread::sleep_for(kExitPollInterval);
+    }
+}
+
+// The result of an evaluator that someone else reaped (a host that ignores SIGCHLD, or one that
+// waits for any child): its exit status is lost. The evaluator stores a selection only when the
+// type works, so a fresh selection naming the type counts as success, anything else as failure.
+int32_t resultFromStoredSelection(ProcessingType type) {
+    constexpr const char* fn = "VBG::ProcessingTypeEvaluator::GetProcessExitCode";
+    const int error = errno;
+    bool stored = false;
+    try {
+        const ProcessingTypeDetails details =
+            ProcessingTypeInitializer::GetInstance(ConfigParser::FileCachePath())
+                .GetSelectedProcessingTypeDetails();
+        stored = details.type == type && !details.isElapsed();
+    } catch (const std::exception&) {
+        stored = false;  // an unreadable stored time is no selection
+    }
+    if (stored) {
+        ZLOG_INFO(fn,
+                  "Exit status of the evaluator cannot be read (error code: {}); it stored {} as "
+                  "the selection",
+                  error, ProcessingTypeName(type));
+        return 0;
+    }
+    ZLOG_ERROR(fn, "GetExitCodeProcess failed: error code: {}", error);
+    return ProcessingTypeEvaluator::kLaunchFailed;
+}
+
+// Waits for the child at most `limit` and turns the way it ended into the evaluation result. At the
+// deadline, and when the process exits, the evaluator's process group is killed and reaped: no
+// evaluator outlives its wait or the host.
+int32_t getProcessExitCode(pid_t pid, ProcessingType type, std::chrono::milliseconds limit) {
+    constexpr const char* fn = "VBG::ProcessingTypeEvaluator::GetProcessExitCode";
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+        // Looks without reaping: while the ended evaluator stays a zombie its group id is ours.
+        siginfo_t info{};
+        const int rc = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT);
+        if (rc == 0 && info.si_pid == pid) {
             break;
         }
-        if (ended < 0) {
+        if (rc < 0) {
             if (errno == EINTR) {
                 continue;
             }
-            // ECHILD when the host reaps children itself (SIGCHLD ignored, or its own waitpid).
+            if (errno == ECHILD) {
+                return resultFromStoredSelection(type);
+            }
             ZLOG_ERROR(fn, "GetExitCodeProcess failed: error code: {}", errno);
             return ProcessingTypeEvaluator::kLaunchFailed;
         }
         if (exiting()) {
-            return ProcessingTypeEvaluator::kStillRunning;  // left running, as at the deadline
+            killGroup(pid);
+            reapKilled(pid);
+            return ProcessingTypeEvaluator::kStillRunning;
         }
         if (std::chrono::steady_clock::now() >= deadline) {
             ZLOG_ERROR(fn,
                        "VBG eval process is still running, possible race condition or deadlock");
-            reapWhenEnded(pid);
+            killGroup(pid);
+            reapKilled(pid);
             return ProcessingTypeEvaluator::kStillRunning;
         }
         std::this_thread::sleep_for(kExitPollInterval);
+    }
+    // Whatever the evaluator left running in its group goes with it.
+    killGroup(pid);
+    int status = 0;
+    pid_t ended = -1;
+    do {
+        ended = waitpid(pid, &status, 0);
+    } while (ended < 0 && errno == EINTR);
+    if (ended < 0) {
+        if (errno == ECHILD) {
+            return resultFromStoredSelection(type);
+        }
+        ZLOG_ERROR(fn, "GetExitCodeProcess failed: error code: {}", errno);
+        return ProcessingTypeEvaluator::kLaunchFailed;
     }
     if (WIFEXITED(status)) {
         return WEXITSTATUS(status);
@@ -335,14 +408,17 @@ int32_t ProcessingTypeEvaluator::LaunchEvaluator(ProcessingType type) {
                    error, program, commandLine);
         return kLaunchFailed;
     }
-    return getProcessExitCode(pid, limits.evaluatorRun);
+    return getProcessExitCode(pid, type, limits.evaluatorRun);
 }
 
 bool ProcessingTypeEvaluator::WaitForEvaluationToComplete() {
     const EvaluatorLimits limits = currentLimits();
     std::unique_lock<std::mutex> lock(state().evaluationMutex);
     const auto deadline = std::chrono::steady_clock::now() + limits.completionWait;
-    if (state().evaluationDone.wait_until(lock, deadline) == std::cv_status::timeout) {
+    // The flag is the predicate: an end signalled before this wait began (between the caller's
+    // look at the flag and here) is seen at once, and a spurious wake-up does not end the wait.
+    if (!state().evaluationDone.wait_until(lock, deadline,
+                                           [] { return !state().evaluationRunning.load(); })) {
         ZLOG_ERROR("VBG::ProcessingTypeEvaluator::WaitForEvaluationToComplete",
                    "Evaluation thread timeout occured");
         return false;

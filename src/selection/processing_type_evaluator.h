@@ -17,7 +17,7 @@ class ProcessingTypeEvaluator {
   public:
     // The library could not start the evaluator, or could not read how it ended.
     static constexpr int32_t kLaunchFailed = -3;
-    // The evaluator was still running when the library stopped waiting for it.
+    // The evaluator was still running at its deadline (it was then killed with its process group).
     static constexpr int32_t kStillRunning = -4;
 
     // Marks the evaluation as started and runs EvaluateInternal on a detached thread. Throws
@@ -33,9 +33,8 @@ class ProcessingTypeEvaluator {
     // signal number when it was killed by a signal, kLaunchFailed or kStillRunning.
     static int32_t LaunchEvaluator(ProcessingType type);
 
-    // Blocks until the end of an evaluation is signalled or 120 seconds pass; false on timeout.
-    // There is no predicate: the first wake-up ends the wait with true, and an end signalled
-    // before the wait began is not seen.
+    // Blocks until no evaluation is running (at once when none is) or 120 seconds pass; false on
+    // timeout.
     static bool WaitForEvaluationToComplete();
 
     static bool IsEvaluationRunning();

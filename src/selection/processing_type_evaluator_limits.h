@@ -10,7 +10,7 @@ namespace VBG {
 struct EvaluatorLimits {
     // How long automatic engine creation waits for the evaluation to end.
     std::chrono::milliseconds completionWait{std::chrono::seconds(120)};
-    // How long the library waits for one evaluator process before giving up on it.
+    // How long one evaluator process may run before it is killed and counted as failed.
     std::chrono::milliseconds evaluatorRun{std::chrono::seconds(300)};
     // The program to run; empty means the one installed beside the library.
     std::string programPath;

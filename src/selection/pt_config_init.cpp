@@ -5,6 +5,7 @@
 #include <chrono>
 #include <filesystem>
 #include <limits>
+#include <mutex>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -68,8 +69,19 @@ bool ProcessingTypeDetails::isElapsed(int64_t nowSeconds) const {
 }
 
 ProcessingTypeInitializer& ProcessingTypeInitializer::GetInstance(const std::string& folder) {
-    static ProcessingTypeInitializer instance(folder);
-    return instance;
+    // An empty folder (a create before the library configuration was read) does not fix the
+    // instance: it gets a reader that finds nothing, and the first real folder is still taken.
+    static std::mutex mutex;
+    static ProcessingTypeInitializer* instance = nullptr;
+    static ProcessingTypeInitializer* const none = new ProcessingTypeInitializer(std::string());
+    std::lock_guard<std::mutex> lock(mutex);
+    if (instance == nullptr) {
+        if (folder.empty()) {
+            return *none;
+        }
+        instance = new ProcessingTypeInitializer(folder);  // lives as long as the process
+    }
+    return *instance;
 }
 
 ProcessingTypeInitializer::ProcessingTypeInitializer(std::string folder)
@@ -80,6 +92,9 @@ std::string ProcessingTypeInitializer::configFilePath() const {
 }
 
 bool ProcessingTypeInitializer::ConfigFileExists() const {
+    if (folder_.empty()) {
+        return false;  // never a file of the current folder
+    }
     std::error_code ec;
     return std::filesystem::exists(std::filesystem::u8path(configFilePath()), ec);
 }

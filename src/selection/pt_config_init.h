@@ -25,8 +25,9 @@ struct ProcessingTypeDetails {
 
 class ProcessingTypeInitializer {
   public:
-    // The process-wide reader. The first call fixes the folder; later calls return the same
-    // instance and ignore their argument.
+    // The process-wide reader. The first call with a non-empty folder fixes the folder; later
+    // calls return the same instance and ignore their argument. Before that, an empty folder gets
+    // a reader that finds no stored selection.
     static ProcessingTypeInitializer& GetInstance(const std::string& folder);
 
     // A reader of its own for `folder` (UTF-8); the library itself uses GetInstance.
