@@ -610,9 +610,19 @@ TEST_F(EffectConfig, FeedbackAloneSetsOnlyTheFeedbackSection) {
 
 // The id becomes part of file names: only short plain names are taken.
 TEST_F(EffectConfig, FeedbackIdsThatCouldNameAnotherFileAreRefused) {
-    const std::string refused[] = {
-        "/tmp/x", "../x",   "a/b", ".hidden",   "..",           ".", std::string(65, 'a'),
-        "a b",    "a\\\\b", "",    "caf\u00e9", "x\\u0000.json"};
+    const std::string refused[] = {"/tmp/x",
+                                   "../x",
+                                   "a/b",
+                                   ".hidden",
+                                   "..",
+                                   ".",
+                                   std::string(65, 'a'),
+                                   "a b",
+                                   "a\\\\b",
+                                   "",
+                                   "caf\u00e9",
+                                   "x\\u0000.json",
+                                   "PT_CONFIG"};
     for (const std::string& id : refused) {
         const std::string json =
             R"({"effects": [{"name": "blur"}], "feedback": true, "id": ")" + id + R"("})";

@@ -160,7 +160,9 @@ bool IsCacheFileName(std::string_view name) {
 }
 
 bool IsFeedbackId(std::string_view id) {
-    if (id.empty() || id.size() > 64 || id.front() == '.') {
+    // The dump index is "<id>.json" in the file cache folder, beside the stored processing-type
+    // selection: the id that would name that file is not one.
+    if (id.empty() || id.size() > 64 || id.front() == '.' || id == "PT_CONFIG") {
         return false;
     }
     for (const char c : id) {
