@@ -621,8 +621,8 @@ TEST_F(EffectConfig, FeedbackIdsThatCouldNameAnotherFileAreRefused) {
                                    "a\\\\b",
                                    "",
                                    "caf\u00e9",
-                                   "x\\u0000.json",
-                                   "PT_CONFIG"};
+                                   "PT_CONFIG",
+                                   "x\\u0000.json"};
     for (const std::string& id : refused) {
         const std::string json =
             R"({"effects": [{"name": "blur"}], "feedback": true, "id": ")" + id + R"("})";
