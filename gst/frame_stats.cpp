@@ -51,6 +51,13 @@ bool FrameStats::messageDue() {
     return true;
 }
 
+GstStructure* FrameStats::propertyValue(const GstStructure* last) const {
+    GstStructure* s =
+        last != nullptr ? gst_structure_copy(last) : gst_structure_new_empty("zynvbg");
+    counts(s);
+    return s;
+}
+
 void FrameStats::counts(GstStructure* s) const {
     gst_structure_set(s, "frames", G_TYPE_UINT64, static_cast<guint64>(frames_), "failed-frames",
                       G_TYPE_UINT64, static_cast<guint64>(failed_), "library-time-total-ms",

@@ -22,12 +22,16 @@ class FrameStats {
     // The structure named "zynvbg" with the counts, the last second's rates and the library's
     // statistics of `instance` (when it is alive). Caller owns it.
     GstStructure* snapshot(EffectInstance& instance) const;
-    // Sets the running counts (frames, failed frames, total library time) in `s`.
-    void counts(GstStructure* s) const;
+    // The stats property's value: the last second's figures (`last`, null before the first
+    // message) with the counts as they are now. Caller owns it.
+    GstStructure* propertyValue(const GstStructure* last) const;
     // Whether a second has passed since the last message; starts the next window when so.
     bool messageDue();
 
   private:
+    // Sets the running counts (frames, failed frames, total library time) in `s`.
+    void counts(GstStructure* s) const;
+
     uint64_t frames_ = 0;
     uint64_t failed_ = 0;
     int64_t libraryNs_ = 0;

@@ -90,6 +90,10 @@ enum {
     PROP_LOG,
     PROP_STATS,
 };
+static_assert(PROP_CACHE == PROP_MODELS + zyngst::kPropCache &&
+                  PROP_LOG == PROP_MODELS + zyngst::kPropLog &&
+                  PROP_STATS == PROP_MODELS + zyngst::kPropStats,
+              "the shared properties keep their order");
 
 static GType gst_zyn_vbg_effect_get_type() {
     static GType type = 0;
@@ -151,14 +155,9 @@ static void gst_zyn_vbg_set_property(GObject* object, guint id, const GValue* va
             break;
         case PROP_MODELS:
         case PROP_CACHE:
-        case PROP_LOG: {
-            const char* text = g_value_get_string(value);
-            std::string& field = id == PROP_MODELS  ? s.folders.models
-                                 : id == PROP_CACHE ? s.folders.cache
-                                                    : s.folders.log;
-            field = text;
+        case PROP_LOG:
+            zyngst::FolderOf(s.folders, id - PROP_MODELS) = g_value_get_string(value);
             break;
-        }
         default:
             G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
             return;
@@ -188,22 +187,13 @@ static void gst_zyn_vbg_get_property(GObject* object, guint id, GValue* value, G
             g_value_set_int(value, s.mode);
             break;
         case PROP_MODELS:
-            g_value_set_string(value, s.folders.models.c_str());
-            break;
         case PROP_CACHE:
-            g_value_set_string(value, s.folders.cache.c_str());
-            break;
         case PROP_LOG:
-            g_value_set_string(value, s.folders.log.c_str());
+            g_value_set_string(value, zyngst::FolderOf(s.folders, id - PROP_MODELS).c_str());
             break;
-        case PROP_STATS: {
-            // The last second's figures, with the counts as they are now.
-            GstStructure* stats = p->lastStats != nullptr ? gst_structure_copy(p->lastStats)
-                                                          : gst_structure_new_empty("zynvbg");
-            p->stats.counts(stats);
-            g_value_take_boxed(value, stats);
+        case PROP_STATS:
+            g_value_take_boxed(value, p->stats.propertyValue(p->lastStats));
             break;
-        }
         default:
             G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
     }
@@ -395,7 +385,6 @@ static void gst_zyn_vbg_class_init(GstZynVbgClass* klass) {
     object->finalize = gst_zyn_vbg_finalize;
     const auto rw = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
                                              GST_PARAM_MUTABLE_PLAYING);
-    const zyngst::Folders defaults = zyngst::DefaultFolders();
     g_object_class_install_property(
         object, PROP_EFFECT,
         g_param_spec_enum("effect", "Effect", "The effect applied to every frame",
@@ -423,26 +412,7 @@ static void gst_zyn_vbg_class_init(GstZynVbgClass* klass) {
                          "1 GPU (falls back to the CPU), 2 CPU, 3 automatic, 7 OpenVINO CPU, "
                          "8 ONNX Runtime CPU; used when the configuration names none",
                          1, 9, 3, rw));
-    g_object_class_install_property(
-        object, PROP_MODELS,
-        g_param_spec_string("models", "Models folder", "Folder holding model.winml",
-                            defaults.models.c_str(), rw));
-    g_object_class_install_property(
-        object, PROP_CACHE,
-        g_param_spec_string("cache", "File cache folder",
-                            "The library's file cache (background files, processing-type choice)",
-                            defaults.cache.c_str(), rw));
-    g_object_class_install_property(
-        object, PROP_LOG,
-        g_param_spec_string("log", "Log folder", "Folder of ZYNNativeVBG.log", defaults.log.c_str(),
-                            rw));
-    g_object_class_install_property(
-        object, PROP_STATS,
-        g_param_spec_boxed("stats", "Statistics",
-                           "Frames, time inside the library, CPU load and the library's own stage "
-                           "times, as in the element message posted once a second",
-                           GST_TYPE_STRUCTURE,
-                           static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
+    zyngst::InstallSharedProperties(object, PROP_MODELS, rw);
 
     gst_element_class_set_static_metadata(
         element, "ZYNNativeVBG video effects", "Filter/Effect/Video",

@@ -102,6 +102,10 @@ enum {
     PROP_LOG,
     PROP_STATS,
 };
+static_assert(PROP_CACHE == PROP_MODELS + zyngst::kPropCache &&
+                  PROP_LOG == PROP_MODELS + zyngst::kPropLog &&
+                  PROP_STATS == PROP_MODELS + zyngst::kPropStats,
+              "the shared properties keep their order");
 
 #define ZYN_VIDEO_CAPS GST_VIDEO_CAPS_MAKE("{ NV12, I420 }")
 static GstStaticPadTemplate camera_template = GST_STATIC_PAD_TEMPLATE(
@@ -161,13 +165,9 @@ static void gst_zyn_vbg_presenter_set_property(GObject* object, guint id, const 
             break;
         case PROP_MODELS:
         case PROP_CACHE:
-        case PROP_LOG: {
-            const char* text = g_value_get_string(value);
-            (id == PROP_MODELS  ? s.folders.models
-             : id == PROP_CACHE ? s.folders.cache
-                                : s.folders.log) = text;
+        case PROP_LOG:
+            zyngst::FolderOf(s.folders, id - PROP_MODELS) = g_value_get_string(value);
             break;
-        }
         default:
             G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
             return;
@@ -203,22 +203,13 @@ static void gst_zyn_vbg_presenter_get_property(GObject* object, guint id, GValue
             g_value_set_int(value, s.processingMode);
             break;
         case PROP_MODELS:
-            g_value_set_string(value, s.folders.models.c_str());
-            break;
         case PROP_CACHE:
-            g_value_set_string(value, s.folders.cache.c_str());
-            break;
         case PROP_LOG:
-            g_value_set_string(value, s.folders.log.c_str());
+            g_value_set_string(value, zyngst::FolderOf(s.folders, id - PROP_MODELS).c_str());
             break;
-        case PROP_STATS: {
-            // The last second's figures, with the counts as they are now.
-            GstStructure* stats = p->lastStats != nullptr ? gst_structure_copy(p->lastStats)
-                                                          : gst_structure_new_empty("zynvbg");
-            p->stats.counts(stats);
-            g_value_take_boxed(value, stats);
+        case PROP_STATS:
+            g_value_take_boxed(value, p->stats.propertyValue(p->lastStats));
             break;
-        }
         default:
             G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
     }
@@ -676,7 +667,6 @@ static void gst_zyn_vbg_presenter_class_init(GstZynVbgPresenterClass* klass) {
 
     const auto rw = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
                                              GST_PARAM_MUTABLE_PLAYING);
-    const zyngst::Folders defaults = zyngst::DefaultFolders();
     g_object_class_install_property(
         object, PROP_MODE,
         g_param_spec_enum("mode", "Layout", "How the presenter and the presentation are laid out",
@@ -713,25 +703,7 @@ static void gst_zyn_vbg_presenter_class_init(GstZynVbgPresenterClass* klass) {
                          "1 GPU (falls back to the CPU), 2 CPU, 3 automatic, 7 OpenVINO CPU, "
                          "8 ONNX Runtime CPU",
                          1, 9, 3, rw));
-    g_object_class_install_property(
-        object, PROP_MODELS,
-        g_param_spec_string("models", "Models folder", "Folder holding model.winml",
-                            defaults.models.c_str(), rw));
-    g_object_class_install_property(
-        object, PROP_CACHE,
-        g_param_spec_string("cache", "File cache folder", "The library's file cache",
-                            defaults.cache.c_str(), rw));
-    g_object_class_install_property(
-        object, PROP_LOG,
-        g_param_spec_string("log", "Log folder", "Folder of ZYNNativeVBG.log", defaults.log.c_str(),
-                            rw));
-    g_object_class_install_property(
-        object, PROP_STATS,
-        g_param_spec_boxed("stats", "Statistics",
-                           "Frames, time inside the library, CPU load and the library's own stage "
-                           "times, as in the element message posted once a second",
-                           GST_TYPE_STRUCTURE,
-                           static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
+    zyngst::InstallSharedProperties(object, PROP_MODELS, rw);
 
     gst_element_class_set_static_metadata(
         element, "ZYNNativeVBG presenter layouts", "Filter/Editor/Video/Compositor",

@@ -1,5 +1,7 @@
 #include "vbg_host.h"
 
+#include <gst/gst.h>
+
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -105,6 +107,40 @@ std::string StatusText(uint32_t status) {
                                            "frame failure",   "configuration or creation failure",
                                            "update rejected", "not supported on this hardware"};
     return std::to_string(status) + " (" + (status < 6 ? kMeaning[status] : "unknown") + ")";
+}
+
+void InstallSharedProperties(GObjectClass* object, guint first, GParamFlags rw) {
+    const Folders defaults = DefaultFolders();
+    g_object_class_install_property(
+        object, first + kPropModels,
+        g_param_spec_string("models", "Models folder", "Folder holding model.winml",
+                            defaults.models.c_str(), rw));
+    g_object_class_install_property(
+        object, first + kPropCache,
+        g_param_spec_string("cache", "File cache folder",
+                            "The library's file cache (background files, processing-type choice)",
+                            defaults.cache.c_str(), rw));
+    g_object_class_install_property(
+        object, first + kPropLog,
+        g_param_spec_string("log", "Log folder", "Folder of ZYNNativeVBG.log", defaults.log.c_str(),
+                            rw));
+    g_object_class_install_property(
+        object, first + kPropStats,
+        g_param_spec_boxed("stats", "Statistics",
+                           "Frames, time inside the library, CPU load and the library's own stage "
+                           "times, as in the element message posted once a second",
+                           GST_TYPE_STRUCTURE,
+                           static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
+}
+
+std::string& FolderOf(Folders& folders, guint offset) {
+    return offset == kPropModels  ? folders.models
+           : offset == kPropCache ? folders.cache
+                                  : folders.log;
+}
+
+const std::string& FolderOf(const Folders& folders, guint offset) {
+    return FolderOf(const_cast<Folders&>(folders), offset);
 }
 
 std::string RefusedValue(bool json, bool folder, GParamSpec* pspec, const GValue* value) {

@@ -31,6 +31,14 @@ struct Folders {
 // cache folder ($XDG_CACHE_HOME/zynvbg or ~/.cache/zynvbg), as the zynvbg tool keeps them.
 Folders DefaultFolders();
 
+// The properties both elements have, at consecutive ids from `first` in this order: the library's
+// folders (models, cache, log) and the read-only statistics.
+enum SharedProperty : guint { kPropModels, kPropCache, kPropLog, kPropStats };
+void InstallSharedProperties(GObjectClass* object, guint first, GParamFlags rw);
+// The field of folder property `offset` (kPropModels to kPropLog).
+std::string& FolderOf(Folders& folders, guint offset);
+const std::string& FolderOf(const Folders& folders, guint offset);
+
 // "3 (configuration or creation failure)"
 std::string StatusText(uint32_t status);
 
