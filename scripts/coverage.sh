@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds with gcc's coverage instrumentation (build-cov/), runs the normal test suite there and
 # prints line and branch coverage of src/ and tools/. Not part of CI; needs gcovr (Debian's
-# package). The install tests are left out: they run the library from an installed copy.
+# package). The install tests are left out: they run the library from an installed copy. Counters
+# are updated atomically, since the library counts lines on several threads at once.
 set -euo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$ROOT"
@@ -10,7 +11,8 @@ DIR="${COVERAGE_DIR:-build-cov}"
 command -v gcovr >/dev/null || { echo "coverage: gcovr is not installed (apt-get install gcovr)" >&2; exit 2; }
 
 cmake -S . -B "$DIR" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-    -DCMAKE_C_FLAGS="--coverage" -DCMAKE_CXX_FLAGS="--coverage" \
+    -DCMAKE_C_FLAGS="--coverage -fprofile-update=atomic" \
+    -DCMAKE_CXX_FLAGS="--coverage -fprofile-update=atomic" \
     -DCMAKE_EXE_LINKER_FLAGS="--coverage" -DCMAKE_SHARED_LINKER_FLAGS="--coverage" >/dev/null
 cmake --build "$DIR" -j"$JOBS"
 find "$DIR" -name '*.gcda' -delete
