@@ -1,9 +1,6 @@
-// The short soak of every test run (see soak_support.h): 300 frames for each of the two instances.
-// The long one is soak_slow_test.cpp.
+// The short soak of every test run (see soak_support.h); the long one is soak_slow_test.cpp.
 #include "soak_support.h"
 
 TEST(Soak, TwoInstancesThroughEveryEffectAndSize) {
-    soak::Options options;
-    options.warmUpFrames = 105;
-    soak::RunSoak(options);
+    soak::RunSoak(300, 105, size_t{24} << 20);
 }
