@@ -41,38 +41,36 @@ uint32_t FormatOf(uint8_t selector, uint8_t raw) {
     return (selector & 3) == 0 ? ZYN_FORMAT_NV12 : (selector & 3) < 3 ? ZYN_FORMAT_I420 : raw;
 }
 
-FrameUnderTest MakeFrame(Reader& in, uint32_t width, uint32_t height, uint32_t format,
-                         bool shortStride, int missingPlane) {
-    FrameUnderTest f;
-    const uint32_t cw = (width + 1) / 2, ch = (height + 1) / 2;
+FrameUnderTest MakeFrame(Reader& in, uint32_t w, uint32_t h, uint32_t format, bool shortStride,
+                         int missing) {
     const bool nv12 = format == ZYN_FORMAT_NV12;
-    const int planeCount = nv12 ? 2 : 3;
-    const std::array<uint32_t, 3> rowBytes = {width, nv12 ? 2 * cw : cw, cw};
-    const std::array<uint32_t, 3> rows = {height, ch, ch};
-    bool covered = width >= 1 && height >= 1 && width <= 16384 && height <= 16384 &&
-                   (nv12 || format == ZYN_FORMAT_I420) &&
-                   (missingPlane < 0 || missingPlane >= planeCount);
-    const int shortPlane = shortStride ? in.byte() % planeCount : -1;
-    std::array<uint8_t*, 3> pointers{};
+    const int planes = nv12 ? 2 : 3;
+    const uint32_t cw = (w + 1) / 2, ch = (h + 1) / 2;
+    const uint32_t rowBytes[3] = {w, nv12 ? 2 * cw : cw, cw}, rows[3] = {h, ch, ch};
+    const int shortPlane = shortStride ? in.byte() % planes : -1;
+    FrameUnderTest f;
+    f.usable = w >= 1 && h >= 1 && w <= 16384 && h <= 16384 &&
+               (nv12 || format == ZYN_FORMAT_I420) && (missing < 0 || missing >= planes) &&
+               shortPlane < 0;
+    uint8_t* pointers[3];
+    uint32_t strides[3];
     for (int p = 0; p < 3; ++p) {
-        const uint32_t pad = in.byte() % 33;
-        Plane& plane = f.planes[p];
-        plane.rowBytes = rowBytes[p];
-        plane.stride = rowBytes[p] + pad;
-        if (p == shortPlane) {
-            plane.stride = rowBytes[p] > 0 ? rowBytes[p] - 1 - std::min(pad, rowBytes[p] - 1) : 0;
-            covered = false;
-        }
-        plane.bytes.resize(size_t{plane.stride} * rows[p]);
-        pointers[p] = p == missingPlane ? nullptr : plane.bytes.data();
+        const uint32_t pad = in.byte() % 33, r = rowBytes[p];
+        strides[p] = p != shortPlane ? r + pad : r > 0 ? r - 1 - std::min(pad, r - 1) : 0;
+        f.planes[p] = {std::vector<uint8_t>(size_t{strides[p]} * rows[p]), r, strides[p]};
+        pointers[p] = p == missing ? nullptr : f.planes[p].bytes.data();
     }
-    f.record = {width,       height, format,  pointers[0], f.planes[0].stride,
-                pointers[1], 0,      nullptr, 0,           0};
-    f.record.stride1 = f.planes[1].stride;
     // NV12 has no third plane: its fields carry whatever the host left there.
-    f.record.plane2 = nv12 ? nullptr : pointers[2];
-    f.record.stride2 = nv12 ? in.byte() : f.planes[2].stride;
-    f.usable = covered;
+    f.record = {w,
+                h,
+                format,
+                pointers[0],
+                strides[0],
+                pointers[1],
+                strides[1],
+                nv12 ? nullptr : pointers[2],
+                nv12 ? in.byte() : strides[2],
+                0};
     return f;
 }
 
