@@ -113,7 +113,7 @@ inline void RunChurn(const std::atomic<bool>& running, Frame& in, int& round) {
                       &handle, round % 2 ? feedback.c_str() : "{\"effects\": 1"));
         EXPECT_EQ(nullptr, handle);
         EXPECT_EQ(2u, ZynNativeVideoProcessingProcessFrame(&handle, &i, &o));
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the frame threads go first
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the frame threads go first
     }
 }
 
