@@ -1,11 +1,6 @@
-// A short soak through the exported functions, part of every test run: two instances on two
-// threads, 300 frames each, an update every 5 frames and a new camera size every 35 (see
-// soak_support.h). The long run is soak_slow_test.cpp.
+// The short soak of every test run (see soak_support.h); the long one is soak_slow_test.cpp.
 #include "soak_support.h"
 
 TEST(Soak, TwoInstancesThroughEveryEffectAndSize) {
-    soak::Options options;
-    options.framesPerInstance = 300;
-    options.warmUpFrames = 105;
-    soak::RunSoak(options);
+    soak::RunSoak(300, 105, size_t{24} << 20);
 }

@@ -20,8 +20,7 @@ if [[ "$1" == package ]]; then
         "- /usr/libexec/zynvbg/EvalVBGProcessingType" "- /usr/lib/zynvbg/libonnxruntime.so.1" \
         "- /usr/lib/zynvbg/plugins_cpu.xml" "- /usr/lib/zynvbg/libopenvino_intel_cpu_plugin.so" \
         "- /usr/share/zynvbg/models/model.winml" "- /usr/share/zynvbg/models/general/model.winml" \
-        "- /usr/lib/pkgconfig/zynnativevbg.pc" \
-        "- /usr/lib/cmake/ZYNNativeVBG/ZYNNativeVBGConfig.cmake"; do
+        "- /usr/lib/pkgconfig/zynnativevbg.pc" "- /usr/lib/cmake/ZYNNativeVBG/ZYNNativeVBGConfig.cmake"; do
         grep -qxF -e "$want" "$T/files" || fail "package lacks $want"
     done
     ! grep -E '^- /usr/lib/(lib)?(onnxruntime|openvino|tbb)' "$T/files" || fail "runtime on the library path"
@@ -42,15 +41,14 @@ cc -Wall -Werror -o "$T/host-pc" "$SOURCE/tests/install/host.c" \
 cmake -S "$SOURCE/tests/install/consumer" -B "$T/consumer" -DCMAKE_PREFIX_PATH="$M" >/dev/null
 cmake --build "$T/consumer" >/dev/null
 
-config() {  # name, models folder: a library configuration with its own log and cache folders
-    mkdir -p "$T/$1/cache"
+# Library configurations with their own log and cache folders.
+for name in onnx auto noeval nomodels; do
+    mkdir -p "$T/$name/cache"
+    models="$M/share/zynvbg/models"
+    [[ $name == nomodels ]] && models="$M/share/zynvbg/nomodels"
     printf '{"modelsPath": "%s", "logPath": "%s", "fileCachePath": "%s"}' \
-        "$2" "$T/$1/logs" "$T/$1/cache" >"$T/$1.json"
-}
-config onnx "$M/share/zynvbg/models"
-config auto "$M/share/zynvbg/models"
-config noeval "$M/share/zynvbg/models"
-config nomodels "$M/share/zynvbg/nomodels"
+        "$models" "$T/$name/logs" "$T/$name/cache" >"$T/$name.json"
+done
 LD_LIBRARY_PATH="$M/lib" "$T/host-pc" --frame "$T/frame.yuv"
 
 # Everything below runs from the moved tree alone: where a mount namespace is available, the
@@ -78,9 +76,9 @@ HIDE=""
 for dir in "$BUILD" "$SOURCE/.deps" "$SOURCE/.venv"; do
     HIDE+="mount -t tmpfs tmpfs '$(readlink -f "$dir")' && "
 done
-if unshare -m true 2>/dev/null; then
-    unshare -m bash -c "$HIDE bash -x '$T/run.sh'" || fail "installed tree"
-else
+WRAP=(unshare -m)
+if ! unshare -m true 2>/dev/null; then
     echo "no mount namespace here: the build folder stays visible" >&2
-    bash -x "$T/run.sh" || fail "installed tree"
+    WRAP=() HIDE=""
 fi
+"${WRAP[@]}" bash -c "$HIDE bash -x '$T/run.sh'" || fail "installed tree"
