@@ -5,7 +5,6 @@
 #include <spdlog/spdlog.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -26,17 +25,14 @@ class LogCapture {
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<CapturedRecord> records() const;
-    // Number of records whose message equals `message` exactly.
+    // Records whose message equals `message`, or contains `fragment`.
     size_t count(const std::string& message) const;
     bool contains(const std::string& message) const { return count(message) > 0; }
-    // Number of records whose message contains `fragment`.
     size_t countContaining(const std::string& fragment) const;
-    // Number of records at `level` whose message contains `fragment` (every one at that level
-    // when it is empty).
+    // Records at `level` whose message contains `fragment` (all at that level when it is empty).
     size_t countAt(spdlog::level::level_enum level, const std::string& fragment = "") const;
-    // Whether a record with this exact message was logged at `level`.
+    // Whether this exact message was logged at `level`, or from `function`.
     bool has(spdlog::level::level_enum level, const std::string& message) const;
-    // Whether a record with this exact message came from `function`.
     bool hasFrom(const std::string& function, const std::string& message) const;
     std::string dump() const;
     void clear();
@@ -44,6 +40,15 @@ class LogCapture {
     class Sink;
 
   private:
+    template <typename Matches>
+    size_t countIf(Matches matches) const {
+        size_t n = 0;
+        for (const CapturedRecord& r : records()) {
+            n += matches(r) ? 1 : 0;
+        }
+        return n;
+    }
+
     std::shared_ptr<Sink> sink_;
     std::shared_ptr<spdlog::logger> previous_;
 };
