@@ -107,6 +107,43 @@ TEST(Exports, CallsWithoutAnInstanceFailWithStatusesNotCrashes) {
     lib().InternalDestroy(nullptr);
 }
 
+// Refused texts: 1 feedback only at create, 2 a feedback request without an instance at update, 3 a
+// text that is refused. A create leaves the handle alone; a failed update destroys and nulls it.
+TEST(Exports, RefusedTextsAtCreateAndUpdateGiveTheirStatus) {
+    static int marker = 0;
+    const struct {
+        const char* json;
+        uint32_t create, update;
+        const char* logged;
+    } cases[] = {
+        {R"({"feedback": true, "id": "f1"})", 1, 2,
+         "Feedback constraint passed in create instance"},
+        {nullptr, 3, 3, "config is nullptr."},
+        {"{}", 3, 3, "ConvertToZynNativeConfig failed"},
+        {R"({"effects": []})", 3, 3, "ConvertToZynNativeConfig failed"},
+        {R"({"feedback": true, "id": "../f2"})", 3, 3, "feedback id refused"},
+        {R"({"effects": [{"name": "touchUp", "touchUpSigma": "x"}]})", 3, 3,
+         "invalid stof argument"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.json != nullptr ? c.json : "(null)");
+        LogCapture log;
+        ZynNativeHandle handle = &marker;
+        EXPECT_EQ(c.create, lib().Create(c.json, &handle));
+        EXPECT_EQ(&marker, handle);
+        EXPECT_TRUE(log.contains(c.logged)) << log.dump();
+        EXPECT_EQ(c.update, lib().Update(&handle, c.json));
+        EXPECT_EQ(nullptr, handle);
+        EXPECT_EQ(1u, log.countContaining("DestroyInstance done, process id: ")) << log.dump();
+        // The update's record gives the length of the text, never the text.
+        const std::string length =
+            c.json == nullptr ? "(null)" : "(" + std::to_string(std::strlen(c.json)) + " bytes)";
+        EXPECT_EQ(1u, log.countContaining("ZYNNativeVideoProcessing updated with config " + length +
+                                          " on thread "));
+        EXPECT_EQ(1u, log.countContaining(" with result " + std::to_string(c.update)));
+    }
+}
+
 TEST(Exports, InitFailsOnAMissingConfigurationAndReportsOnTheDebugOutput) {
     testing::internal::CaptureStderr();
     EXPECT_FALSE(lib().Init("/nonexistent/zyn/config.json"));
