@@ -106,58 +106,45 @@ class Config : public ::testing::Test {
         const std::string d = ::describe(settings);
         return converted ? d.substr(d.empty() ? 0 : 1) : "refused" + d;
     }
-    // `expected` is a description or "throws <what>", then " | "-separated checks: "+message"
-    // logged, "!message" not logged, "~fragment" in one record, "=settings" converted from it.
-    void check(const std::string& expected, const std::function<std::string()>& run) {
-        std::vector<std::string> parts;
-        for (size_t at = 0, bar = 0; bar != std::string::npos; at = bar + 3) {
-            bar = expected.find(" | ", at);
-            parts.push_back(expected.substr(at, bar - at));
-        }
-        log_.clear();
-        try {
-            EXPECT_EQ(parts[0], run());
-        } catch (const std::exception& e) {
-            EXPECT_EQ(parts[0], std::string("throws ") + e.what());
-        }
-        for (size_t i = 1; i < parts.size(); ++i) {
-            const std::string text = parts[i].substr(1);
-            switch (parts[i][0]) {
-                case '+':
-                case '!':
-                    EXPECT_EQ(parts[i][0] == '+', log_.contains(text)) << text << log_.dump();
-                    break;
-                case '~':
-                    EXPECT_EQ(1u, log_.countContaining(text)) << text << log_.dump();
-                    break;
-                default:
-                    EXPECT_EQ(text, settingsOf(config_));
-            }
-        }
-    }
     // Runs a table of "<input> => <expected>" lines; a line without " => " continues the input,
-    // one that starts with " | " the expectation.
-    void runTable(const char* table, const std::function<std::string(const std::string&)>& run) {
-        std::istringstream lines(table);
+    // one that starts with " | " the expectation. <expected> is what `run` returns (or "throws
+    // <what>"), then " | "-separated checks: "+message" logged, "!message" not logged, "~fragment"
+    // in one record, "=settings" converted from the effect record.
+    void runTable(const std::string& table, const std::function<std::string(const char*)>& run) {
+        std::istringstream lines(table + "\n.");
         std::string line, input, expected;
-        int cases = 0;
         while (std::getline(lines, line)) {
-            const size_t arrow = line.find(" => ");
             if (line.rfind(" | ", 0) == 0) {
                 expected += line;
                 continue;
             }
-            if (!expected.empty()) {
-                SCOPED_TRACE(input);
-                check(expected, [&] { return run(input); });
-                input.clear();
-                expected.clear();
-                ++cases;
+            std::vector<std::string> parts;
+            for (size_t at = 0, bar = 0; !expected.empty() && bar != std::string::npos;
+                 at = bar + 3) {
+                bar = expected.find(" | ", at);
+                parts.push_back(expected.substr(at, bar - at));
             }
-            input += line.substr(0, arrow);
+            SCOPED_TRACE(input);
+            log_.clear();
+            try {
+                EXPECT_EQ(parts.empty() ? "" : parts[0], parts.empty() ? "" : run(input.c_str()));
+            } catch (const std::exception& e) {
+                EXPECT_EQ(parts[0], std::string("throws ") + e.what());
+            }
+            for (size_t i = 1; i < parts.size(); ++i) {
+                const std::string text = parts[i].substr(1);
+                if (parts[i][0] == '+' || parts[i][0] == '!') {
+                    EXPECT_EQ(parts[i][0] == '+', log_.contains(text)) << text << log_.dump();
+                } else if (parts[i][0] == '~') {
+                    EXPECT_EQ(1u, log_.countContaining(text)) << text << log_.dump();
+                } else {
+                    EXPECT_EQ(text, settingsOf(config_));
+                }
+            }
+            const size_t arrow = line.find(" => ");
+            input = (parts.empty() ? input : "") + line.substr(0, arrow);
             expected = arrow == std::string::npos ? "" : line.substr(arrow + 4);
         }
-        EXPECT_LT(0, cases);
     }
 
     TempDir dir_{"zyn-config"};
@@ -187,9 +174,8 @@ TEST_F(Config, FileStoresTheThreeFoldersInOrderAndEachFailureHasItsMessage) {
 this is not json => /m /c | +Config file parse failed.
 {"modelsPath": "/m6", "logPath": "/l", "fileCachePath": "/c", "x": [[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[
 ]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]} => /m /c | +Config file is nested deeper than 32 levels
-.
 )",
-             [&](const std::string& text) {
+             [&](const char* text) {
                  EXPECT_TRUE(
                      readFile(R"({"modelsPath": "/m", "logPath": "/l", "fileCachePath": "/c"})"));
                  log_.clear();
@@ -227,8 +213,17 @@ TEST_F(Config, EffectTextsConvertToTheirRecords) {
  => --- | +Effect array is empty | !No feedback/id found.
 {"effects": {"name": "blur"}} => --- | +Effect array is empty
 {"unrelated": 1} => --- | +No feedback/id found.
-{"effects": [{"name": "blur"}]} => E-- fx1 k1 | +Config Blur | =bt1 algo1 fx1
+{"effects": [{"name": "blur"}]} => E-- fx1 k1 | +Config Blur
+{"processingMode": 1, "effects": [{"name": "blur"}]} => E-- fx1 k1 pm1 | =pt1 bt1 algo1 fx1
+{"processingMode": 2, "effects": [{"name": "blur"}]} => E-- fx1 k1 pm2 | =pt0 bt1 algo1 fx1
+{"processingMode": 3, "effects": [{"name": "blur"}]} => E-- fx1 k1 | =bt1 algo1 fx1
+{"processingMode": 4, "effects": [{"name": "blur"}]} => E-- fx1 k1 pm4 | =pt6 bt1 algo1 fx1
+{"processingMode": 5, "effects": [{"name": "blur"}]} => E-- fx1 k1 pm5 | =pt4 bt1 algo1 fx1
+{"processingMode": 6, "effects": [{"name": "blur"}]} => E-- fx1 k1 pm6 | =pt5 bt1 algo1 fx1
 {"processingMode": 7, "effects": [{"name": "blur"}]} => E-- fx1 k1 pm7 | =pt3 bt1 algo1 fx1
+{"processingMode": 8, "effects": [{"name": "blur"}]} => E-- fx1 k1 pm8 | =pt2 bt1 algo1 fx1
+{"processingMode": 9, "effects": [{"name": "blur"}]} => E-- fx1 k1 pm9 | =pt8 bt1 algo1 fx1
+{"processingMode": 0, "effects": [{"name": "blur"}]} => E-- fx1 k1 pm0 | =refused fx1
 {"processingMode": 42, "effects": [{"name": "blur"}]} => E-- fx1 k1 pm42 | =refused fx1
 {"processingMode": "2", "effects": [{"name": "blur"}]} => E-- fx1 k1
  | +processingMode is not an integer
@@ -238,15 +233,12 @@ TEST_F(Config, EffectTextsConvertToTheirRecords) {
  {"name": "touchUp", "touchUpSigma": "0.4"}]} => E-- fx3 k2 f7 s1 pm8 sig0.4 file=/c/s.webm
  | +Config TouchUp Processing Type: 3 Sigma: 0.4 | =pt2 bt3 ty7 src1 algo1 fx3 sig0.4 file=/c/s.webm
 {"effects": [{"name": "background", "backgroundFile": "a.ogv"}]} => E-- fx1 k2 f5 s1 file=/c/a.ogv
-{"effects": [{"name": "background", "backgroundFile": "a.jpg"}]} => E-- fx1 k2 f2 s1 file=/c/a.jpg
 {"effects": [{"name": "background", "backgroundFile": "d.png/f"}]} => --- fx1 k2 s1 file=/c/d.png/f
  | +Invalid file extension. | !filename provided has no extension.
 {"effects": [{"name": "background", "backgroundFile": "a.mov"}]} => E-- fx1 k2 f6 s1 file=/c/a.mov
  | =bt3 ty6 src1 algo1 fx1 file=/c/a.mov
 {"effects": [{"name": "background", "backgroundFile": "b.PNG"}]} => --- fx1 k2 s1 file=/c/b.PNG
  | +Invalid file extension. | !filename provided has no extension.
-{"effects": [{"name": "background", "backgroundFile": "b.png.mp4"}]}
- => E-- fx1 k2 f4 s1 file=/c/b.png.mp4
 {"effects": [{"name": "background", "backgroundFile": "b"}]} => --- fx1 k2 s1 file=/c/b
  | +filename provided has no extension.
 {"effects": [{"name": "background"}]}
@@ -297,9 +289,6 @@ TEST_F(Config, EffectTextsConvertToTheirRecords) {
  | +weathermanAlpha is out of range: 131072
 {"effects": [{"name": "weatherman", "mode": "underlay", "weathermanSize": "nan"}]} => --- wm2
  | +weathermanSize is out of range: nan
-{"effects": [{"name": "weatherman", "mode": "overlay", "weathermanAlpha": "1",
- "weathermanSize": "1", "weathermanOffsetX": "-infinity"}]} => --- wm1
- | +weathermanOffsetX is out of range: -inf
 {"feedback": true, "id": "session-7"} => --F id=session-7@/c | !No feedback/id found.
 {"effects": [{"name": "blur"}], "feedback": true, "id": "a.b_C-9"} => E-F fx1 k1 id=a.b_C-9@/c
 {"feedback": false, "id": "x2"} => --- | +feedback set to false.
@@ -307,8 +296,6 @@ TEST_F(Config, EffectTextsConvertToTheirRecords) {
 {"id": "x3"} => --- | +No feedback/id found.
 {"feedback": true, "id": "/tmp/x"} => throws feedback id refused | ~Feedback id '/tmp/x' refused
 {"feedback": true, "id": "../x"} => throws feedback id refused | ~Feedback id '../x' refused
-{"feedback": true, "id": ".hidden"} => throws feedback id refused
-{"feedback": true, "id": "a b"} => throws feedback id refused
 {"feedback": true, "id": ""} => throws feedback id refused
 {"feedback": true, "id": "caf\u00e9"} => throws feedback id refused
 {"feedback": true, "id": "PT_CONFIG"} => throws feedback id refused
@@ -318,10 +305,9 @@ TEST_F(Config, EffectTextsConvertToTheirRecords) {
  => throws feedback id refused
 {"feedback": true, "id": "ZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZ"}
  => --F id=ZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZ@/c
-.
 )",
-             [&](const std::string& json) {
-                 convert(json.c_str());
+             [&](const char* json) {
+                 convert(json);
                  // Every parsed text says at most once that it carries no feedback request.
                  EXPECT_GE(1u, log_.count("No feedback/id found."));
                  return describe();
@@ -383,15 +369,17 @@ TEST_F(Config, FileNamesStayInsideTheCacheFolder) {
         std::string json = templates[t];
         return json.replace(json.find("NAME"), 4, name);
     };
+    std::string table;
     for (const char* name : {"/etc/x.png", "../x.png", "a/../../x.png", "sub/../x.png", "..",
                              "a/..", "./../x.png", "//x.png", "x\\u0000.png"}) {
         for (int t = 0; t < 3; ++t) {
-            SCOPED_TRACE(text(t, name));
-            check("throws background file name refused | ~Background file name '",
-                  [&] { return convert(text(t, name).c_str()), describe(); });
+            table += text(t, name) + " => throws background file name refused\n";
+            table += " | ~Background file name '\n";
         }
     }
-    EXPECT_EQ(1u, log_.countContaining("'x\\x00.png' refused")) << log_.dump();
+    table += text(0, "x\\u0000.png") + " => throws background file name refused\n";
+    runTable(table + " | ~'x\\x00.png' refused",
+             [&](const char* json) { return convert(json), describe(); });
     for (const char* name : {"sub/dir/b.png", ".png", "a..png", "./b.png", "sub/.b.gif"}) {
         convert(text(0, name).c_str());
         EXPECT_TRUE(found_.effects) << name;
@@ -405,106 +393,41 @@ TEST_F(Config, FileNamesStayInsideTheCacheFolder) {
     }
 }
 
-// Number texts always use "." as the decimal point, even in a host whose LC_NUMERIC uses a comma.
-TEST_F(Config, DecimalTextsIgnoreTheHostsNumericLocale) {
-    TempDir locales("zyn-locale");
-    const std::string build =
-        "localedef -i de_DE -f UTF-8 '" + (locales / "de_DE.UTF-8").string() + "' >/dev/null 2>&1";
-    if (std::system(build.c_str()) != 0) {
-        GTEST_SKIP() << "localedef cannot build a decimal-comma locale here";
-    }
-    setenv("LOCPATH", locales.str().c_str(), 1);
-    ASSERT_NE(nullptr, std::setlocale(LC_NUMERIC, "de_DE.UTF-8"));
-    EXPECT_EQ(0.0f, std::strtof("0.5", nullptr));  // the C library reads "0.5" as 0 now
-    convert(R"({"effects": [{"name": "touchUp", "touchUpSigma": "0.5"}]})");
-    const float viaHelper = VBG::DecimalTextToFloat("2.25");
-    std::setlocale(LC_NUMERIC, "C");
-    unsetenv("LOCPATH");
-    EXPECT_EQ("E-- fx2 sig0.5", describe());
-    EXPECT_EQ(2.25f, viaHelper);
-}
-
-TEST_F(Config, NonAsciiFoldersAndFileNamesSurviveIntoTheUtf16FieldsAndLongOnesAreNotCopied) {
-    ASSERT_TRUE(
-        readFile("{\"modelsPath\": \"/m\", \"logPath\": \"/l\", "
-                 "\"fileCachePath\": \"/c\xE7\xBC\x93\"}"));
-    convert(
-        "{\"effects\": [{\"name\": \"background\", \"backgroundFile\": "
-        "\"\xE6\xB5\xB7 \xF0\x9F\x8C\xB4.png\"}]}");  // "海 🌴.png"
-    VBGSettings settings = VBG::DefaultVBGSettings();
-    ASSERT_TRUE(VBG::D3D12Utils::ConvertToVBGSettings(config_, settings)) << log_.dump();
-    EXPECT_EQ(u"/c缓", std::u16string(settings.fileCachePath));
-    EXPECT_EQ(u"/c缓/海 🌴.png", std::u16string(settings.backgroundImageFile));
-    convert(("{\"effects\": [{\"name\": \"background\", \"backgroundFile\": \"" +
-             std::string(1100, 'x') + ".png\"}]}")
-                .c_str());
-    EXPECT_EQ("E-- fx1 k2 f1 s1", describe());
-}
-
-TEST_F(Config, ProcessingModesFollowTheFixedTableAndFoldersAreCopiedUpTo1022Characters) {
-    ZynNativeConfig config = VBG::DefaultZynNativeConfig();
-    std::string types;
-    for (uint32_t mode : {1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 0u, 10u, 0xFFFFFFFFu}) {
-        config.processingMode = mode;
-        types += settingsOf(config) + ",";
-    }
-    EXPECT_EQ(
-        "pt1 algo1,pt0 algo1,algo1,pt6 algo1,pt4 algo1,pt5 algo1,pt3 algo1,pt2 algo1,"
-        "pt8 algo1,refused,refused,refused,",
-        types);
-    EXPECT_EQ(0u, log_.countAt(spdlog::level::err));  // refused silently
-    VBGSettings settings = VBG::DefaultVBGSettings();
-    config.processingMode = 3;
-    config.modelFilePath[std::u16string(1022, u'm').copy(config.modelFilePath, 1022)] = 0;
-    config.logPath[std::u16string(1023, u'l').copy(config.logPath, 1023)] = 0;
-    ASSERT_TRUE(VBG::D3D12Utils::ConvertToVBGSettings(config, settings));
-    EXPECT_EQ(1022u, narrow(settings.modelFilePath).size());
-    EXPECT_EQ("", narrow(settings.logDirectory));
-}
-
 // Each row: background kind, data source, format and file, then the settings; in memory the data
 // (16 bytes) are taken and the file is ignored. The touch-up sigma comes with its effect bit only.
 TEST_F(Config, BackgroundSourcesOfTheSettings) {
     static const uint8_t data[16] = {};
     runTable(R"(
-3 1 1 /c/a.png => algo1 fx1
- | ~imageOrVideoType: 0, imageOrVideoDataSource: ImageOrVideoDataSource::None, 
+3 1 1 /c/a.png => algo1 fx1 | ~imageOrVideoDataSource: ImageOrVideoDataSource::None, 
 2 1 1 /c/b.jfif => bt2 ty1 src1 algo1 fx1 file=/c/b.jfif
-2 1 1 /c/b.pjpeg => bt2 ty1 src1 algo1 fx1 file=/c/b.pjpeg
 2 1 1 /c/b.pjp => bt2 ty1 src1 algo1 fx1 file=/c/b.pjp
 2 1 2 /c/b.jpg => bt2 ty2 src1 algo1 fx1 file=/c/b.jpg
  | ~blurAlgo: ResizeBlur, bt: 2, imageOrVideoType: Jpeg, imageOrVideoDataSource: DiskFile,
  | ~DiskFile, backgroundImageFile: /c/b.jpg        pData: 0, dataSize: 0, logDirectory: ,
- | ~, logDirectory: , modelFilePath: , pt: Auto, effects: 1, touchUpSigma: 0, fileCachePath: 
-2 1 3 /c/back.ground.gif => bt2 ty3 src1 algo1 fx1 file=/c/back.ground.gif
- | ~imageOrVideoType: Gif, 
+ | ~, modelFilePath: , pt: Auto, effects: 1, touchUpSigma: 0, fileCachePath: 
+2 1 3 /c/back.ground.gif => bt2 ty3 src1 algo1 fx1 file=/c/back.ground.gif | ~Type: Gif, 
 2 1 1 /c/.png => bt2 ty1 src1 algo1 fx1 file=/c/.png
 2 1 4 /c/v.m4v => bt3 ty4 src1 algo1 fx1 file=/c/v.m4v
 2 1 4 /c/v.mp4 => bt3 ty4 src1 algo1 fx1 file=/c/v.mp4
-2 1 4 /c/v.ogm => bt3 ty4 src1 algo1 fx1 file=/c/v.ogm
 2 1 5 /c/v.ogv => bt3 ty5 src1 algo1 fx1 file=/c/v.ogv
 2 1 2 /c/photo.JPG => refused ty2 src1 fx1 | +Unknown file format provided, file:/c/photo.JPG
 2 1 6 /c/clip.MOV => refused ty6 src1 fx1 | +Unknown file format provided, file:/c/clip.MOV
 2 1 1 /c/фон.bmp => refused ty1 src1 fx1 | +Unknown file format provided, file:/c/фон.bmp
- | ~blurAlgo: None, bt: 0, imageOrVideoType: Png, imageOrVideoDataSource: DiskFile, bac
+ | ~blurAlgo: None, bt: 0, imageOrVideoType: Png, 
 2 1 1 /c/v1.5/bg => refused ty1 src1 fx1 | +File extension not available, file:/c/v1.5/bg
 2 1 1 - => refused ty1 src1 fx1 | +File extension not available, file:
 2 0 1 /c/a.png => refused ty1 fx1 | +imageOrVideoDataSource cannot be none
 2 3 1 /c/a.png => refused ty1 fx1 | +Unknown imageOrVideoDataSource passed: 3
 2 2 1 /c/x.png => bt2 ty1 src2 algo1 fx1 mem16
-2 2 2 - => bt2 ty2 src2 algo1 fx1 mem16
-2 2 3 - => bt2 ty3 src2 algo1 fx1 mem16
 2 2 4 - => bt3 ty4 src2 algo1 fx1 mem16
 2 2 5 - => bt3 ty5 src2 algo1 fx1 mem16
  | ~imageOrVideoType: 5, imageOrVideoDataSource: InMem, backgroundImageFile:         pData: 
 2 2 7 - => bt3 ty7 src2 algo1 fx1 mem16
 2 2 6 - => refused ty6 src2 fx1 mem16 | +invalid formatType
-2 2 0 - => refused src2 fx1 mem16 | +invalid formatType
 2 2 8 - => refused ty8 src2 fx1 mem16 | +invalid formatType
 1 0 0 touchUp => bt1 algo1 fx3 sig0.5
-.
 )",
-             [&](const std::string& row) {
+             [&](const char* row) {
                  std::istringstream in(row);
                  std::string file;
                  ZynNativeConfig config = VBG::DefaultZynNativeConfig();
@@ -519,15 +442,4 @@ TEST_F(Config, BackgroundSourcesOfTheSettings) {
                  config.backgroundDataSize = 16;
                  return settingsOf(config);
              });
-}
-
-// Names that no conversion produces.
-TEST_F(Config, UnknownNamesInTheSettingsRecord) {
-    VBGSettings settings = VBG::DefaultVBGSettings();
-    settings.blurAlgo = 2;
-    settings.pt = 7;
-    VBG::D3D12Utils::PrintVBGSettings(settings);
-    EXPECT_EQ(1u, log_.countContaining("blurAlgo: Unknown, bt: 0, ")) << log_.dump();
-    EXPECT_EQ(1u, log_.countContaining(", pt: Unknown, effects: 0, "));
-    EXPECT_TRUE(log_.hasFrom("VBG::D3D12Utils::PrintVBGSettings", log_.records()[0].message));
 }

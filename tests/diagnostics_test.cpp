@@ -104,9 +104,6 @@ TEST(Logging, FolderFailuresThenOneSetUpThatSticksAndRotates) {
 TEST(FrameStatistics, FirstFrameRecordSummaryReportAndFailedFrames) {
     LogCapture log;
     FrameStats stats("V", 10);
-    EXPECT_STREQ(
-        R"({"preProcessedTime":0,"inferenceTime":0,"postProcessedTime":0,"fullFrameTime":0})",
-        stats.report());
     // Frames end at 10, 1010, ..., 10010 ms: the window opens at the first frame's end and the
     // eleventh closes it 10000 ms later.
     for (int64_t i = 0; i < 11; ++i) {
@@ -210,14 +207,10 @@ TEST(FeedbackDumps, OneRequestWritesTaggedFilesAndTheirIndex) {
     EXPECT_EQ(1u, log.countContaining("x.json not written: it is a symbolic link"));
 }
 
-TEST(Services, LogFileNameVersionTextFieldsAndExceptionReport) {
+TEST(Services, LogFileNameTextFieldsExceptionReportAndGpuRecords) {
     EXPECT_EQ("/var/log/zyn/ZYNNativeVBG.log", VBG::Utils::GetAssetFullPath("/var/log/zyn"));
     EXPECT_EQ("/var/log/zyn/ZYNNativeVBG.log", VBG::Utils::GetAssetFullPath("/var/log/zyn/"));
-    const ZynNativeVersion v = VBG::Utils::ParseProductVersion("7.12.305.4");
-    EXPECT_EQ("7 12 305 4", std::to_string(v.major) + " " + std::to_string(v.minor) + " " +
-                                std::to_string(v.build) + " " + std::to_string(v.revision));
     EXPECT_THROW(VBG::Utils::ParseProductVersion("1.2"), std::invalid_argument);
-    EXPECT_TRUE(fs::is_directory(VBG::Utils::GetLibraryFolder()));
     // Broken UTF-8 is replaced; a field keeps what fits, and one without a terminator is read to
     // its capacity.
     EXPECT_EQ(u"a\u00e9\uFFFDx", VBG::Text::Utf8ToUtf16("a\xC3\xA9\xFFx"));
@@ -250,6 +243,4 @@ TEST(Services, LogFileNameVersionTextFieldsAndExceptionReport) {
                   "VBG::D3D12Utils::IsGpuAvailable E: IsGpuAvailable failed. D3D11 Hardware "
                   "Layer is not supported",
               records);
-    EXPECT_EQ("Image", VBG::D3D12Utils::BackgroundTypeName(2));
-    EXPECT_EQ("BlurMask", VBG::D3D12Utils::ResourceName(5));
 }

