@@ -1,5 +1,5 @@
-// Diagnostics: the rotating library log, frame statistics, feedback dumps, exception reports and
-// the GPU checks' records.
+// Diagnostics: the rotating library log, frame statistics, feedback dumps,
+// exception reports and the GPU checks' records.
 #include <gtest/gtest.h>
 #include <libyuv.h>
 
@@ -28,7 +28,8 @@ using zyn_test::TempDir;
 
 namespace {
 
-// Marks one frame's points at the given times in ms; a negative time leaves its point out.
+// Marks one frame's points at the given times in ms; a negative time leaves its
+// point out.
 void frame(FrameStats& stats, std::initializer_list<int64_t> pointsMs) {
     int point = 0;
     for (const int64_t ms : pointsMs) {
@@ -84,7 +85,8 @@ TEST(Logging, FolderFailuresThenOneSetUpThatSticksAndRotates) {
     EXPECT_TRUE(std::regex_search(
         text, std::regex(R"(\[\d{2}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}:\d{3}\] )"
                          R"(\[E\] \[VBG::Sample::method \d+\] sample record 42)")));
-    // Far more than 10 MiB (10485760 bytes) of records: the current file and three rotated ones.
+    // Far more than 10 MiB (10485760 bytes) of records: the current file and
+    // three rotated ones.
     for (int i = 0; i < 52000; ++i) {
         ZLOG_INFO("LoggerTest::fill", "{} {}", i, std::string(1000, 'x'));
     }
@@ -104,14 +106,15 @@ TEST(Logging, FolderFailuresThenOneSetUpThatSticksAndRotates) {
 TEST(FrameStatistics, FirstFrameRecordSummaryReportAndFailedFrames) {
     LogCapture log;
     FrameStats stats("V", 10);
-    // Frames end at 10, 1010, ..., 10010 ms: the window opens at the first frame's end and the
-    // eleventh closes it 10000 ms later.
+    // Frames end at 10, 1010, ..., 10010 ms: the window opens at the first
+    // frame's end and the eleventh closes it 10000 ms later.
     for (int64_t i = 0; i < 11; ++i) {
         const int64_t pre = i == 3 ? 6 : 2;
         frame(stats, {i * 1000, i * 1000 + pre, i * 1000 + pre + 5, i * 1000 + pre + 8});
     }
     EXPECT_EQ(1u, log.count("[V] Pre:2 Inf:5 Post:3 Total:10"));
-    // 11 frames in 10 s; Total sums 10*10+14 = 114 ms, 114/11 = 10.364; Pre 2*10+6 = 26, 2.364.
+    // 11 frames in 10 s; Total sums 10*10+14 = 114 ms, 114/11 = 10.364; Pre
+    // 2*10+6 = 26, 2.364.
     EXPECT_TRUE(log.hasFrom("VBG::FrameStats::LogStats",
                             "[V] fps: 1.100[(Total) curr:10 min:10 max:14 avg:10.364]"
                             "[(Post) curr:3 min:3 max:3 avg:3.000]"
@@ -138,7 +141,8 @@ TEST(FrameStatistics, FirstFrameRecordSummaryReportAndFailedFrames) {
     stats.markAt(FrameStats::InferenceDone, 31002000000);
     stats.markAt(FrameStats::FrameEnd, 31005500000);
     EXPECT_EQ("1 0 3 5", stages(stats));
-    // Start and end only: the model never ran. Marks do not leak into the next frame.
+    // Start and end only: the model never ran. Marks do not leak into the next
+    // frame.
     frame(stats, {32000, -1, -1, 32007});
     EXPECT_EQ("0 0 0 7", stages(stats));
     EXPECT_EQ(0, stats.minimum(FrameStats::Inf));
@@ -146,73 +150,59 @@ TEST(FrameStatistics, FirstFrameRecordSummaryReportAndFailedFrames) {
     EXPECT_EQ("1 0 0 3", stages(stats));
 }
 
-// One request: "<tag><id>.bin" dumps (ARGB frames, raw masks) and the index "<id>.json"; dumps
-// are owner-only and no link an entry of the folder holds is followed.
-TEST(FeedbackDumps, OneRequestWritesTaggedFilesAndTheirIndex) {
+// What the engine pipeline's feedback case does not reach: an I420 frame with
+// padded strides, a frame of another format, owner-only dumps (also over an
+// older, open file) and no link followed.
+TEST(FeedbackDumps, I420FramesOwnerOnlyFilesAndNoLinkFollowed) {
     TempDir dir("feedback"), elsewhere("feedback-target");
     zyn_test::WriteFile(elsewhere / "victim", "keep");
     fs::create_symlink(elsewhere / "victim", dir / "x.json");
-    zyn_test::WriteFile(dir / "finalabc.bin", "older dump");
-    fs::permissions(dir / "finalabc.bin", fs::perms::all);
+    zyn_test::WriteFile(dir / "rawabc.bin", "older dump");
+    fs::permissions(dir / "rawabc.bin", fs::perms::all);
     LogCapture log;
-    // 6x4 I420 (luma stride 8, chroma stride 5) and NV12 (strides 6) over one gradient.
-    std::vector<uint8_t> bytes(100);
+    // 6x4 I420, luma stride 8 and chroma stride 5, over a gradient.
+    std::vector<uint8_t> bytes(70);
     for (size_t i = 0; i < bytes.size(); ++i) {
         bytes[i] = static_cast<uint8_t>(30 + 7 * i);
     }
     uint8_t* b = bytes.data();
     const ZynNativeInputFrame i420{6, 4, ZYN_FORMAT_I420, b, 8, b + 40, 5, b + 60, 5, 0};
-    const ZynNativeInputFrame nv12{6, 4, ZYN_FORMAT_NV12, b, 6, b + 40, 6, nullptr, 0, 0};
-    std::string rawArgb(96, '\0'), finalArgb(96, '\0');
-    libyuv::I420ToARGB(b, 8, b + 40, 5, b + 60, 5, reinterpret_cast<uint8_t*>(&rawArgb[0]), 24, 6,
-                       4);
-    libyuv::NV12ToARGB(b, 6, b + 40, 6, reinterpret_cast<uint8_t*>(&finalArgb[0]), 24, 6, 4);
-    VBG::FeedbackWriter writer;
-    ASSERT_TRUE(writer.Start(dir.str(), "abc"));
-    EXPECT_FALSE(writer.Start(dir.str(), "second"));
-    writer.WritePreviousMaskToFile(b, 3, 2);
-    writer.WriteFramesToFile(&i420, &nv12);
-    writer.WriteCurrentMaskToFile(b + 1, 2, 3);
-    writer.End();
-    EXPECT_FALSE(writer.isActive());
-    for (const char* message :
-         {"FeedbackWriter::Start id: abc", "FeedbackWriter in progress with id abc",
-          "FeedbackWriter::WriteFramesToFile raw: 6 x 4, final: 6 x 4",
-          "FeedbackWriter::WriteCurrentMaskToFile 2 x 3",
-          "FeedbackWriter::WritePreviousMaskToFile 3 x 2", "FeedbackWriter::End abc"}) {
-        EXPECT_TRUE(log.contains(message)) << message << "\n" << log.dump();
-    }
-    EXPECT_EQ(rawArgb, ReadFile(dir / "rawabc.bin"));
-    EXPECT_EQ(finalArgb, ReadFile(dir / "finalabc.bin"));
-    EXPECT_EQ(std::string(b, b + 6), ReadFile(dir / "previousMaskabc.bin"));
-    EXPECT_EQ(std::string(b + 1, b + 7), ReadFile(dir / "currentMaskabc.bin"));
-    for (const char* name : {"rawabc.bin", "finalabc.bin", "currentMaskabc.bin", "abc.json"}) {
-        EXPECT_EQ(0600u, zyn_test::PermissionBits(dir / name)) << name;
-    }
-    // The index, in the order of the writes.
-    EXPECT_EQ(R"({"previousMask":{"filename":"previousMaskabc.bin","width":3,"height":2},)"
-              R"("raw":{"filename":"rawabc.bin","width":6,"height":4},)"
-              R"("final":{"filename":"finalabc.bin","width":6,"height":4},)"
-              R"("currentMask":{"filename":"currentMaskabc.bin","width":2,"height":3}})",
-              ReadFile(dir / "abc.json"));
-    // A frame of an unknown format is not written; the next request starts afresh.
     ZynNativeInputFrame odd = i420;
     odd.format = 3;
-    ASSERT_TRUE(writer.Start(dir.str(), "x"));
-    writer.WriteFramesToFile(&odd, &i420);
+    std::string argb(96, '\0');
+    libyuv::I420ToARGB(b, 8, b + 40, 5, b + 60, 5, reinterpret_cast<uint8_t*>(&argb[0]), 24, 6, 4);
+    VBG::FeedbackWriter writer;
+    ASSERT_TRUE(writer.Start(dir.str(), "abc"));
+    writer.WriteFramesToFile(&i420, &odd);
+    writer.WriteCurrentMaskToFile(b, 2, 3);
     writer.End();
-    EXPECT_FALSE(fs::exists(dir / "rawx.bin"));
-    EXPECT_EQ(rawArgb, ReadFile(dir / "finalx.bin"));
+    EXPECT_EQ(argb, ReadFile(dir / "rawabc.bin"));
+    EXPECT_FALSE(fs::exists(dir / "finalabc.bin"));
+    EXPECT_EQ(std::string(b, b + 6), ReadFile(dir / "currentMaskabc.bin"));
+    for (const char* name : {"rawabc.bin", "currentMaskabc.bin", "abc.json"}) {
+        EXPECT_EQ(0600u, zyn_test::PermissionBits(dir / name)) << name;
+    }
+    EXPECT_EQ(R"({"raw":{"filename":"rawabc.bin","width":6,"height":4},)"
+              R"("currentMask":{"filename":"currentMaskabc.bin","width":2,"height":3}})",
+              ReadFile(dir / "abc.json"));
+    ASSERT_TRUE(writer.Start(dir.str(), "x"));
+    writer.End();
     EXPECT_EQ("keep", ReadFile(elsewhere / "victim"));
-    EXPECT_EQ(1u, log.countContaining("x.json not written: it is a symbolic link"));
+    for (const char* message :
+         {"FeedbackWriter::Start id: abc",
+          "FeedbackWriter::WriteFramesToFile raw: 6 x 4, final: 6 x 4",
+          "FeedbackWriter::WriteCurrentMaskToFile 2 x 3", "FeedbackWriter::End abc",
+          "x.json not written: it is a symbolic link"}) {
+        EXPECT_EQ(1u, log.countContaining(message)) << message << "\n" << log.dump();
+    }
 }
 
 TEST(Services, LogFileNameTextFieldsExceptionReportAndGpuRecords) {
     EXPECT_EQ("/var/log/zyn/ZYNNativeVBG.log", VBG::Utils::GetAssetFullPath("/var/log/zyn"));
     EXPECT_EQ("/var/log/zyn/ZYNNativeVBG.log", VBG::Utils::GetAssetFullPath("/var/log/zyn/"));
     EXPECT_THROW(VBG::Utils::ParseProductVersion("1.2"), std::invalid_argument);
-    // Broken UTF-8 is replaced; a field keeps what fits, and one without a terminator is read to
-    // its capacity.
+    // Broken UTF-8 is replaced; a field keeps what fits, and one without a
+    // terminator is read to its capacity.
     EXPECT_EQ(u"a\u00e9\uFFFDx", VBG::Text::Utf8ToUtf16("a\xC3\xA9\xFFx"));
     char16_t field[8];
     EXPECT_TRUE(VBG::Text::CopyToField(field, 8, std::string("abc"), 6));
@@ -228,7 +218,8 @@ TEST(Services, LogFileNameTextFieldsExceptionReportAndGpuRecords) {
             VBG::HResultError(static_cast<int32_t>(0x887A0005), "device gone"), "run failed."));
     EXPECT_TRUE(log.hasFrom("VBG::Utils::processException",
                             "run failed. HR:887A0005 , message: device gone"));
-    // Without Direct3D 12 there is no adapter: the search reports, then the availability check.
+    // Without Direct3D 12 there is no adapter: the search reports, then the
+    // availability check.
     log.clear();
     EXPECT_EQ(nullptr, VBG::D3D12Utils::GetHardwareAdapter());
     EXPECT_FALSE(VBG::D3D12Utils::IsGpuAvailable());
@@ -237,10 +228,12 @@ TEST(Services, LogFileNameTextFieldsExceptionReportAndGpuRecords) {
         records += r.function + " " + spdlog::level::to_short_c_str(r.level) + ": " + r.message;
     }
     const std::string noAdapter =
-        " E: Hardware adapter is not supported on this system, GPU cannot be used for ML";
+        " E: Hardware adapter is not supported on this "
+        "system, GPU cannot be used for ML";
     EXPECT_EQ("VBG::D3D12Utils::GetHardwareAdapter" + noAdapter +
                   "VBG::D3D12Utils::GetHardwareAdapter" + noAdapter +
-                  "VBG::D3D12Utils::IsGpuAvailable E: IsGpuAvailable failed. D3D11 Hardware "
+                  "VBG::D3D12Utils::IsGpuAvailable E: IsGpuAvailable failed. "
+                  "D3D11 Hardware "
                   "Layer is not supported",
               records);
 }
