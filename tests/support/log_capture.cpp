@@ -53,33 +53,6 @@ std::vector<CapturedRecord> LogCapture::records() const {
     return sink_->snapshot();
 }
 
-size_t LogCapture::count(const std::string& message) const {
-    return countIf([&](const CapturedRecord& r) { return r.message == message; });
-}
-
-size_t LogCapture::countContaining(const std::string& fragment) const {
-    return countIf(
-        [&](const CapturedRecord& r) { return r.message.find(fragment) != std::string::npos; });
-}
-
-size_t LogCapture::countAt(spdlog::level::level_enum level, const std::string& fragment) const {
-    return countIf([&](const CapturedRecord& r) {
-        return r.level == level && r.message.find(fragment) != std::string::npos;
-    });
-}
-
-bool LogCapture::has(spdlog::level::level_enum level, const std::string& message) const {
-    return countIf([&](const CapturedRecord& r) {
-               return r.level == level && r.message == message;
-           }) > 0;
-}
-
-bool LogCapture::hasFrom(const std::string& function, const std::string& message) const {
-    return countIf([&](const CapturedRecord& r) {
-               return r.function == function && r.message == message;
-           }) > 0;
-}
-
 std::string LogCapture::dump() const {
     std::string out;
     for (const auto& r : records()) {

@@ -26,14 +26,31 @@ class LogCapture {
 
     std::vector<CapturedRecord> records() const;
     // Records whose message equals `message`, or contains `fragment`.
-    size_t count(const std::string& message) const;
+    size_t count(const std::string& message) const {
+        return countIf([&](const CapturedRecord& r) { return r.message == message; });
+    }
     bool contains(const std::string& message) const { return count(message) > 0; }
-    size_t countContaining(const std::string& fragment) const;
+    size_t countContaining(const std::string& fragment) const {
+        return countIf(
+            [&](const CapturedRecord& r) { return r.message.find(fragment) != std::string::npos; });
+    }
     // Records at `level` whose message contains `fragment` (all at that level when it is empty).
-    size_t countAt(spdlog::level::level_enum level, const std::string& fragment = "") const;
+    size_t countAt(spdlog::level::level_enum level, const std::string& fragment = "") const {
+        return countIf([&](const CapturedRecord& r) {
+            return r.level == level && r.message.find(fragment) != std::string::npos;
+        });
+    }
     // Whether this exact message was logged at `level`, or from `function`.
-    bool has(spdlog::level::level_enum level, const std::string& message) const;
-    bool hasFrom(const std::string& function, const std::string& message) const;
+    bool has(spdlog::level::level_enum level, const std::string& message) const {
+        return countIf([&](const CapturedRecord& r) {
+                   return r.level == level && r.message == message;
+               }) > 0;
+    }
+    bool hasFrom(const std::string& function, const std::string& message) const {
+        return countIf([&](const CapturedRecord& r) {
+                   return r.function == function && r.message == message;
+               }) > 0;
+    }
     std::string dump() const;
     void clear();
 
