@@ -433,4 +433,12 @@ TEST_F(Config, BackgroundSourcesOfTheSettings) {
                  config.backgroundDataSize = 16;
                  return settingsOf(config);
              });
+    // Folders of up to 1022 characters are copied.
+    ZynNativeConfig config = VBG::DefaultZynNativeConfig();
+    VBGSettings settings = VBG::DefaultVBGSettings();
+    config.modelFilePath[std::u16string(1022, u'm').copy(config.modelFilePath, 1022)] = 0;
+    config.logPath[std::u16string(1023, u'l').copy(config.logPath, 1023)] = 0;
+    ASSERT_TRUE(VBG::D3D12Utils::ConvertToVBGSettings(config, settings));
+    EXPECT_EQ(1022u, narrow(settings.modelFilePath).size());
+    EXPECT_EQ("", narrow(settings.logDirectory));
 }
