@@ -289,9 +289,9 @@ TEST_F(Config, EffectTextsConvertToTheirRecords) {
 {"id": "x3"} => --- | +No feedback/id found.
 {"feedback": true, "id": "/tmp/x"} => throws feedback id refused | ~Feedback id '/tmp/x' refused
 {"feedback": true, "id": "../x"} => throws feedback id refused | ~Feedback id '../x' refused
-{"feedback": true, "id": ""} => throws feedback id refused
 {"feedback": true, "id": "caf\u00e9"} => throws feedback id refused
 {"feedback": true, "id": "PT_CONFIG"} => throws feedback id refused
+{"feedback": true, "id": ""} => throws feedback id refused
 {"feedback": true, "id": "x\u0000.json"} => throws feedback id refused
  | ~Feedback id 'x\x00.json' refused
 {"feedback": true, "id": "ZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZ"}
