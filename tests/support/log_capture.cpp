@@ -3,6 +3,8 @@
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/base_sink.h>
 
+#include <mutex>
+
 #include "diag/spdlog_init.h"
 
 namespace zyn_test {
@@ -51,53 +53,10 @@ std::vector<CapturedRecord> LogCapture::records() const {
     return sink_->snapshot();
 }
 
-size_t LogCapture::count(const std::string& message) const {
-    size_t n = 0;
-    for (const auto& r : records()) {
-        n += r.message == message ? 1 : 0;
-    }
-    return n;
-}
-
-size_t LogCapture::countContaining(const std::string& fragment) const {
-    size_t n = 0;
-    for (const auto& r : records()) {
-        n += r.message.find(fragment) != std::string::npos ? 1 : 0;
-    }
-    return n;
-}
-
-size_t LogCapture::countAt(spdlog::level::level_enum level, const std::string& fragment) const {
-    size_t n = 0;
-    for (const auto& r : records()) {
-        n += r.level == level && r.message.find(fragment) != std::string::npos ? 1 : 0;
-    }
-    return n;
-}
-
-bool LogCapture::has(spdlog::level::level_enum level, const std::string& message) const {
-    for (const auto& r : records()) {
-        if (r.level == level && r.message == message) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool LogCapture::hasFrom(const std::string& function, const std::string& message) const {
-    for (const auto& r : records()) {
-        if (r.function == function && r.message == message) {
-            return true;
-        }
-    }
-    return false;
-}
-
 std::string LogCapture::dump() const {
     std::string out;
     for (const auto& r : records()) {
-        out += r.line;
-        out += '\n';
+        out += r.line + '\n';
     }
     return out;
 }

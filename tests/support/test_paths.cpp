@@ -5,10 +5,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <fstream>
 #include <future>
-#include <iterator>
 #include <stdexcept>
 
 namespace zyn_test {
@@ -73,8 +71,7 @@ bool RunsWithoutBlockingOnFifo(const std::filesystem::path& path,
         run.get();
         return true;
     }
-    // A blocked reader waits for a writer: one that opens and closes at once gives it the end
-    // of the file.
+    // A writer that opens and closes at once gives a blocked reader the end of the file.
     while (run.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
         const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK);
         if (fd >= 0) {

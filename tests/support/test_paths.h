@@ -28,16 +28,13 @@ class TempDir {
     std::filesystem::path path_;
 };
 
-// Writes `text` to `path`, replacing it.
-void WriteFile(const std::filesystem::path& path, const std::string& text);
+void WriteFile(const std::filesystem::path& path, const std::string& text);  // replaces the file
 std::string ReadFile(const std::filesystem::path& path);
-
-// Permission bits of a file (0600 for owner read-write).
-unsigned PermissionBits(const std::filesystem::path& path);
+unsigned PermissionBits(const std::filesystem::path& path);  // 0600 for owner read-write
 
 // Makes a FIFO at `path` and runs `body`, which may read it. False when `body` was still running
-// after two seconds: it was blocked on the FIFO, and is then released by opening the writing end,
-// so that a faulty reader fails its test instead of hanging the suite.
+// after two seconds (blocked on the FIFO): it is then released by opening the writing end, so that
+// a faulty reader fails its test instead of hanging the suite.
 bool RunsWithoutBlockingOnFifo(const std::filesystem::path& path,
                                const std::function<void()>& body);
 
