@@ -169,8 +169,8 @@ void PlaneUpscaler::prepare(int srcWidth, int srcHeight, int dstWidth, int dstHe
 
 void PlaneUpscaler::scale(const uint8_t* src, int srcStride, int srcWidth, int srcHeight,
                           uint8_t* dst, int dstStride, int dstWidth, int dstHeight) {
-#if ZYN_UPSCALE_AVX2
     if (vector_ && OwnPath(srcWidth, srcHeight, dstWidth, dstHeight)) {
+#if ZYN_UPSCALE_AVX2
         prepare(srcWidth, srcHeight, dstWidth, dstHeight);
         const int groups = dstWidth / kGroup;
         uint8_t* filtered[2] = {rows_.data(), rows_.data() + dstWidth};
@@ -203,8 +203,8 @@ void PlaneUpscaler::scale(const uint8_t* src, int srcStride, int srcWidth, int s
                                (y >> 8) & 255);
         }
         return;
-    }
 #endif
+    }
     libyuv::ScalePlane(src, srcStride, srcWidth, srcHeight, dst, dstStride, dstWidth, dstHeight,
                        libyuv::kFilterBilinear);
 }
