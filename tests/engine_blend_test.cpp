@@ -2,11 +2,13 @@
 #include <gtest/gtest.h>
 #include <libyuv.h>
 
+#include <cstring>
 #include <random>
 #include <vector>
 
 #include "engine/i420_planes.h"
 #include "engine/presenter_compositing.h"
+#include "filters/upscale_cpu.h"
 
 using namespace VBG;
 
@@ -87,6 +89,30 @@ TEST(EngineBlend, MatchesI420BlendByteForByteOnRandomPictures) {
         BlendI420(camera.planes(), background.planes(), alpha.data(), alphaStride, camera.planes(),
                   chroma.data(), w, h);
         EXPECT_EQ(visible(expected), visible(camera));
+    }
+}
+
+// The mask and background enlargement against libyuv's bilinear scaler: the engine's sizes, the
+// sizes libyuv sends elsewhere (doubling, reduction, one-pixel sources) and odd strides.
+TEST(EngineBlend, UpscalerMatchesLibyuvBilinearByteForByte) {
+    std::mt19937 rng(5);
+    const int sizes[][4] = {{256, 144, 1280, 720}, {128, 72, 640, 360},  {256, 144, 1920, 1080},
+                            {128, 72, 161, 91},    {256, 144, 257, 145}, {5, 3, 333, 77},
+                            {256, 144, 512, 288},  {256, 144, 200, 112}, {1, 9, 40, 40}};
+    for (const auto& s : sizes) {
+        SCOPED_TRACE(testing::Message() << s[0] << "x" << s[1] << " to " << s[2] << "x" << s[3]);
+        const std::vector<uint8_t> src = randomPlane(static_cast<size_t>(s[0] + 3) * s[1], rng);
+        std::vector<uint8_t> expected(static_cast<size_t>(s[2] + 7) * s[3]), actual(expected);
+        libyuv::ScalePlane(src.data(), s[0] + 3, s[0], s[1], expected.data(), s[2] + 7, s[2], s[3],
+                           libyuv::kFilterBilinear);
+        for (KernelLevel level : {KernelLevel::Avx2, KernelLevel::Portable}) {
+            PlaneUpscaler upscaler(level);
+            upscaler.scale(src.data(), s[0] + 3, s[0], s[1], actual.data(), s[2] + 7, s[2], s[3]);
+            for (int r = 0; r < s[3]; ++r) {
+                ASSERT_EQ(0, std::memcmp(&expected[r * (s[2] + 7)], &actual[r * (s[2] + 7)], s[2]))
+                    << "row " << r << ", " << KernelLevelName(level);
+            }
+        }
     }
 }
 

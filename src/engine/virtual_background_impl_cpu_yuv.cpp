@@ -11,6 +11,7 @@
 #include "engine/presenter_compositing.h"
 #include "filters/blur_cpu.h"
 #include "filters/touchup_cpu.h"
+#include "filters/upscale_cpu.h"
 #include "media/background_image.h"
 #include "util/log.h"
 #include "util/zyn_utils.h"
@@ -321,7 +322,7 @@ bool VirtualBackgroundImplYuv::composeFrame(const ZynNativeInputFrame* output) {
     }
     prepareModelMask();
     uint8_t* modelMask = modelMaskBuffer.get();
-    libyuv::ScalePlane(modelMask, mw, mw, mh, maskBuffer.get(), W, W, H, libyuv::kFilterBilinear);
+    maskUpscaler.scale(modelMask, mw, mw, mh, maskBuffer.get(), W, W, H);
     const I420Planes background = I420InBuffer(backgroundYuvBuffer.get(), frameWidth, frameHeight);
 
     if (settings.bt == BtBlur) {
@@ -345,14 +346,19 @@ bool VirtualBackgroundImplYuv::composeFrame(const ZynNativeInputFrame* output) {
         chromaBlur->setMask(halfMaskBuffer.get());
         chromaBlur->blurMasked(model.u, hw, hh);
         chromaBlur->blurMasked(model.v, hw, hh);
-        // A frame smaller than the model is reached bilinearly: libyuv's box average loses
-        // precision over boxes of thousands of pixels (a 1 x 1 frame came out at about half its
-        // brightness).
-        const libyuv::FilterMode toFrame =
-            W < mw || H < mh ? libyuv::kFilterBilinear : libyuv::kFilterBox;
-        libyuv::I420Scale(model.y, model.strideY, model.u, model.strideU, model.v, model.strideV,
-                          mw, mh, background.y, background.strideY, background.u,
-                          background.strideU, background.v, background.strideV, W, H, toFrame);
+        // Bilinear to the frame, plane by plane. A frame smaller than the model is reached
+        // bilinearly too: libyuv's box average loses precision over boxes of thousands of pixels
+        // (a 1 x 1 frame came out at about half its brightness), and for a larger frame libyuv's
+        // box filter is its bilinear one.
+        lumaUpscaler.scale(model.y, model.strideY, mw, mh, background.y, background.strideY, W, H);
+        const int mcw = ChromaSize(mw);
+        const int mch = ChromaSize(mh);
+        const int cw = ChromaSize(W);
+        const int ch = ChromaSize(H);
+        chromaUpscaler.scale(model.u, model.strideU, mcw, mch, background.u, background.strideU, cw,
+                             ch);
+        chromaUpscaler.scale(model.v, model.strideV, mcw, mch, background.v, background.strideV, cw,
+                             ch);
     }
 
     const I420Planes dst = destinationPlanes(output);

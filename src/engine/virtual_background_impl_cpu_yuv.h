@@ -15,6 +15,7 @@
 #include "engine/i420_planes.h"
 #include "engine/presenter_geometry.h"
 #include "engine/virtual_background_impl.h"
+#include "filters/upscale_cpu.h"
 
 namespace VBG {
 
@@ -81,6 +82,10 @@ class VirtualBackgroundImplYuv : public VirtualBackgroundImpl {
     ByteBuffer outputYuvBuffer;
     std::unique_ptr<Blur> lumaBlur;
     std::unique_ptr<Blur> chromaBlur;
+    // The model-sized mask and blurred background enlarged to the frame.
+    PlaneUpscaler maskUpscaler;
+    PlaneUpscaler lumaUpscaler;
+    PlaneUpscaler chromaUpscaler;
     ByteBuffer halfMaskBuffer;
     ByteBuffer modelArgbBuffer;
     std::unique_ptr<TouchUpCPU> touchUp;

