@@ -9,10 +9,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "config/vbg_settings.h"
 #include "support/test_paths.h"
@@ -31,6 +31,11 @@ inline bool RunFfmpeg(const std::string& arguments) {
 // The path of test medium `name` in this process's folder, made the first time it is asked for.
 inline std::string Media(const std::string& name) {
     static const TempDir dir("zyn-media");
+    // Three 128x48 frames at four frames per second: red, green and blue between black quarters.
+    static const std::string kColours =
+        "-f lavfi -i \"color=c=black:s=128x48:r=4,geq=r='if(eq(N\\,0)\\,255\\,0)':g='if(eq(N\\,1)"
+        "\\,255\\,0)':b='if(eq(N\\,2)\\,255\\,0)',drawbox=w=32:h=48:color=black:t=fill,"
+        "drawbox=x=96:w=32:h=48:color=black:t=fill\" -frames:v 3";
     static const std::map<std::string, std::string> recipes = {
         // 1920x1080: red columns 0-239, blue columns 1680-1919, green between with a yellow band
         // over rows 0-107, so that the position of a crop shows in its pixels.
@@ -39,36 +44,16 @@ inline std::string Media(const std::string& name) {
          "drawbox=x=0:y=0:w=240:h=1080:color=0xFF0000:t=fill,drawbox=x=1680:y=0:w=240:h=1080:"
          "color=0x0000FF:t=fill,drawbox=x=240:y=0:w=1440:h=108:color=0xFFFF00:t=fill\" -frames:v "
          "1"},
-        {"scene.png", "-f lavfi -i testsrc2=s=320x240 -frames:v 1"},
-        {"scene.jpg", "-f lavfi -i testsrc2=s=320x240 -frames:v 1"},
         {"tiny.png", "-f lavfi -i color=c=red:s=16x16 -frames:v 1"},
-        // Three frames: red, green, blue.
-        {"rgb.gif",
-         "-f lavfi -i \"color=c=black:s=64x48:r=10,geq=r='if(eq(N\\,0)\\,255\\,0)':"
-         "g='if(eq(N\\,1)\\,255\\,0)':b='if(eq(N\\,2)\\,255\\,0)'\" -frames:v 3"},
-        // Five frames at 10 frames per second: half a second.
         {"short.mp4", "-f lavfi -i testsrc2=s=160x120:r=10:d=0.5 -c:v libx264 -pix_fmt yuv420p"},
-        {"short.webm", "-f lavfi -i testsrc2=s=160x120:r=10:d=0.5 -c:v libvpx"},
-        {"short.ogv", "-f lavfi -i testsrc2=s=160x120:r=10:d=0.5 -c:v libtheora"},
-        {"long.mp4",
-         "-f lavfi -i testsrc2=s=160x120:r=10:d=2 -c:v libx264 -pix_fmt yuv420p "
-         "-movflags +faststart"},
         {"audio.mp4", "-f lavfi -i sine=d=0.5 -c:a aac"},
         {"wide.mkv", "-f lavfi -i color=c=red:s=20000x16:r=5:d=0.2 -c:v mjpeg -pix_fmt yuvj420p"},
         // A lossless archival codec: decodable, but no codec a background video is made with.
         {"archival.mkv", "-f lavfi -i testsrc2=s=64x48:r=10:d=0.3 -c:v ffv1"},
-        // 320x120: a red quarter on the left, a blue quarter on the right, green between.
-        {"bands.mp4",
-         "-f lavfi -i color=c=0x00FF00:s=320x120:r=10:d=1 -vf \"drawbox=x=0:y=0:w=80:h=120:"
-         "color=0xFF0000:t=fill,drawbox=x=240:y=0:w=80:h=120:color=0x0000FF:t=fill\" "
-         "-c:v libx264 -pix_fmt yuv420p"},
-        // Red, green, blue: one frame each, four frames per second.
-        {"colours.mp4",
-         "-f lavfi -i color=c=red:s=64x48:r=4:d=0.25 -f lavfi -i color=c=0x00FF00:s=64x48:r=4:"
-         "d=0.25 -f lavfi -i color=c=blue:s=64x48:r=4:d=0.25 -filter_complex "
-         "\"[0][1][2]concat=n=3:v=1\" -c:v libx264 -pix_fmt yuv420p"},
-        // One frame per second.
-        {"slow.mp4", "-f lavfi -i testsrc2=s=64x48:r=1:d=3 -c:v libx264"},
+        {"rgb.gif", kColours},
+        {"colours.mp4", kColours + " -c:v libx264 -pix_fmt yuv420p"},
+        {"colours.webm", kColours + " -c:v libvpx"},
+        {"colours.ogv", kColours + " -c:v libtheora"},
     };
     const std::filesystem::path path = dir / name;
     const auto recipe = recipes.find(name);
@@ -88,16 +73,7 @@ inline std::string WriteMedia(const std::string& name, const std::string& bytes)
     return Media(name);
 }
 
-inline uint64_t Fnv1a(const uint8_t* bytes, size_t size) {
-    uint64_t hash = 1469598103934665603ull;
-    for (size_t i = 0; i < size; ++i) {
-        hash = (hash ^ bytes[i]) * 1099511628211ull;
-    }
-    return hash;
-}
-
-// Settings of a background of kind `bt`: from `file`, or from `bytes` in memory when `file` is
-// empty and `bytes` is given, or with an empty path.
+// Settings of a background of kind `bt` from `file`, or from `bytes` when given.
 inline VBGSettings MediaSettings(uint32_t bt, uint32_t type, const std::string& file,
                                  const std::string* bytes = nullptr) {
     VBGSettings settings = VBG::DefaultVBGSettings();
@@ -105,51 +81,38 @@ inline VBGSettings MediaSettings(uint32_t bt, uint32_t type, const std::string& 
     settings.imageOrVideoType = type;
     settings.imageOrVideoDataSource = bytes != nullptr ? 2 : 1;
     VBG::Text::CopyToField(settings.backgroundImageFile, ZYN_PATH_CHARS, file, ZYN_PATH_CHARS - 1);
-    if (bytes != nullptr) {
-        settings.pData = reinterpret_cast<const uint8_t*>(bytes->data());
-        settings.dataSize = static_cast<uint32_t>(bytes->size());
-    }
+    settings.pData = bytes != nullptr ? reinterpret_cast<const uint8_t*>(bytes->data()) : nullptr;
+    settings.dataSize = bytes != nullptr ? static_cast<uint32_t>(bytes->size()) : 0;
     return settings;
 }
 
-// Threads of this process right now. A first thread is started and joined once before the first
-// count: a sanitizer runtime starts a helper thread of its own at the first thread creation, and
-// it must not be counted as one of the library's.
+// Threads of this process. A thread is started and joined before the first count, so that the
+// helper thread a sanitizer runtime starts at the first thread creation is not counted later.
 inline size_t ThreadCount() {
-    static const bool runtimeThreadsStarted = [] {
-        std::thread([] {}).join();
+    static std::thread warmUp([] {});
+    if (warmUp.joinable()) {
+        warmUp.join();
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        return true;
-    }();
-    (void)runtimeThreadsStarted;
-    size_t count = 0;
-    for ([[maybe_unused]] const auto& entry :
-         std::filesystem::directory_iterator("/proc/self/task")) {
-        ++count;
     }
-    return count;
+    const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
+    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
 // Polls `condition` every millisecond until it holds or `timeout` passes; returns its last value.
 inline bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
     const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) {
-            return condition();
-        }
+    bool holds = false;
+    while (!(holds = condition()) && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    return true;
+    return holds;
 }
 
 // The pure test colour an ARGB pixel (B, G, R, A bytes) is closest to: r, g, b, y or k; else '?'.
 inline char ColourAt(const uint8_t* argb, int stride, int x, int y) {
     const uint8_t* p = argb + static_cast<size_t>(y) * stride + static_cast<size_t>(x) * 4;
     const int bits = (p[2] > 160) * 4 + (p[1] > 160) * 2 + (p[0] > 160);
-    if (bits == 0) {
-        return p[0] < 60 && p[1] < 60 && p[2] < 60 ? 'k' : '?';
-    }
-    return "?bg?r?y?"[bits];
+    return bits != 0 ? "?bg?r?y?"[bits] : p[0] < 60 && p[1] < 60 && p[2] < 60 ? 'k' : '?';
 }
 
 }  // namespace zyn_test
