@@ -32,7 +32,6 @@ using zyn_test::MediaBytes;
 using zyn_test::MediaSettings;
 
 constexpr uint32_t kPng = 1, kGif = 3, kMp4 = 4;
-constexpr const char* kNoBitmap = "Bitmap from imagefile empty, invalid scenario";
 
 std::shared_ptr<BackgroundImage> Picture(const std::string& name, uint32_t type = kPng) {
     return std::make_shared<BackgroundImage>(MediaSettings(VBG::BtImage, type, Media(name)));
@@ -57,10 +56,9 @@ TEST(BackgroundPicture, CroppedAroundItsCentreAndRecroppedOnlyWhenBothSidesChang
     zyn_test::LogCapture log;
     auto image = Picture("wide.png");
     const auto self = VBG::addr(image.get());
-    // Size asked for, crop x, y, width, height, and the colours at points of the result:
     // 640x480 of 1920x1080 cuts off the red and blue side bands; the yellow band (108 of 1080
-    // rows) covers the top 48 of 480 rows. When only one side changes the rectangle is kept
-    // and stretched to the whole size. 800x360 is wider than 16:9: all columns, rows 108-971.
+    // rows) covers the top 48 of 480 rows. When only one side changes the rectangle is kept and
+    // stretched to the whole size. 800x360 is wider than 16:9: all columns, rows 108-971.
     const struct {
         int w, h;
         std::vector<int> crop;
@@ -68,7 +66,6 @@ TEST(BackgroundPicture, CroppedAroundItsCentreAndRecroppedOnlyWhenBothSidesChang
         const char* colours;
     } steps[] = {{640, 480, {240, 0, 1440, 1080}, {{0, 60}, {639, 479}, {0, 0}, {639, 46}}, "ggyy"},
                  {800, 480, {240, 0, 1440, 1080}, {{0, 240}, {799, 479}}, "gg"},
-                 {640, 360, {240, 0, 1440, 1080}, {{0, 200}}, "g"},
                  {800, 360, {0, 108, 1920, 864}, {{0, 180}, {799, 180}, {400, 0}}, "rbg"}};
     for (const auto& s : steps) {
         const uint8_t* argb = image->lockAndGetCropAndScaledArgbBuffer(s.w, s.h);
@@ -189,7 +186,7 @@ TEST(BackgroundVideo, UnusablePicturesAndVideosGiveOneRecordAndNoBackground) {
         EXPECT_EQ(log.countAt(spdlog::level::err), errors + (c.state != 0 ? 0 : 2)) << log.dump();
         EXPECT_EQ(image->playbackState(), c.state == 1 ? 1u : 4u);
         EXPECT_EQ(image->lockAndGetCropAndScaledArgbBuffer(64, 48), nullptr);
-        EXPECT_TRUE(log.has(spdlog::level::err, kNoBitmap));
+        EXPECT_TRUE(log.has(spdlog::level::err, "Bitmap from imagefile empty, invalid scenario"));
         EXPECT_FALSE(image->hasNewFrame());
         EXPECT_EQ(zyn_test::ThreadCount(), threads);
     }

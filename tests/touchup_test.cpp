@@ -1,6 +1,5 @@
-// CPU touch-up: the weight table and every kernel level against a literal bilateral filter
-// written out here, on many sizes, strides and guard-page placements; flat skin, unusable sigmas
-// and refused frames.
+// CPU touch-up: every kernel level against a literal bilateral filter on many sizes, strides and
+// guard-page placements; flat skin, unusable sigmas and refused frames.
 #include <gtest/gtest.h>
 
 #include <algorithm>
