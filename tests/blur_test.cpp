@@ -85,8 +85,8 @@ std::vector<uint8_t> RunBlur(Form form, KernelLevel level, float strength,
                              int w, int h, size_t slack) {
     Blur blur(w, h, strength, level);
     zyn_test::PageGuardedBuffer buffer(plane.size() + slack), mask(weights.size() + slack);
-    buffer.fill(plane.data());
-    mask.fill(weights.data());
+    std::copy(plane.begin(), plane.end(), buffer.data());
+    std::copy(weights.begin(), weights.end(), mask.data());
     blur.setMask(mask.data());
     uint8_t* p = buffer.data();
     form == Form::Plain    ? blur.blur(p, w, h)

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 
 namespace zyn_test {
@@ -29,7 +28,6 @@ class PageGuardedBuffer {
 
     uint8_t* data() const { return data_; }
     size_t size() const { return size_; }
-    void fill(const uint8_t* from) { std::memcpy(data_, from, size_); }
 
   private:
     size_t size_, mapped_ = 0;
