@@ -207,6 +207,7 @@ struct LastOwnerSink : VBG::VideoFrameSink {
 
 TEST(VideoPlayback, ConsumerReleasedOnThePlaybackThreadEndsItWithoutAJoin) {
     zyn_test::LogCapture log;
+    const size_t before = zyn_test::ThreadCount();
     std::weak_ptr<VideoFilePlayback> weakPlayback;
     {
         auto sink = std::make_shared<LastOwnerSink>();
@@ -220,6 +221,7 @@ TEST(VideoPlayback, ConsumerReleasedOnThePlaybackThreadEndsItWithoutAJoin) {
     release.set_value();
     EXPECT_TRUE(WaitFor([&] { return weakPlayback.expired(); }, 2000ms));
     EXPECT_TRUE(destroyedOnPlaybackThread);
+    EXPECT_TRUE(WaitFor([&] { return zyn_test::ThreadCount() == before; }, 2000ms));
 }
 
 TEST(VideoPlayback, DecodingFailureEndsTheThreadWithARecord) {
