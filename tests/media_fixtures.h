@@ -1,4 +1,4 @@
-// Test media made on the spot with the ffmpeg command-line tool, and small helpers shared by the
+// Test media made on first use with the ffmpeg command-line tool, and small helpers shared by the
 // background source suites.
 #pragma once
 
@@ -9,11 +9,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <iterator>
+#include <map>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "config/vbg_settings.h"
+#include "support/test_paths.h"
 #include "util/text.h"
 #include "zyn_native_vbg.h"
 
@@ -26,120 +28,91 @@ inline bool RunFfmpeg(const std::string& arguments) {
     return std::system(command.c_str()) == 0;
 }
 
-// Sets the delays (hundredths of a second) stored in the Graphic Control Extensions of a GIF,
-// one per frame in order, by walking the file's block structure. Returns how many were set.
-inline size_t SetGifDelays(std::string& gif, const std::vector<uint16_t>& delays) {
-    auto byte = [&gif](size_t at) { return static_cast<uint8_t>(gif[at]); };
-    size_t at = 13;
-    if (gif.size() < at || gif.compare(0, 4, "GIF8") != 0) {
-        return 0;
-    }
-    if (byte(10) & 0x80) {
-        at += size_t{3} << ((byte(10) & 0x07) + 1);
-    }
-    auto skipSubBlocks = [&] {
-        while (at < gif.size() && byte(at) != 0) {
-            at += byte(at) + 1;
-        }
-        ++at;
+// The path of test medium `name` in this process's folder, made the first time it is asked for.
+inline std::string Media(const std::string& name) {
+    static const TempDir dir("zyn-media");
+    // Three 128x48 frames at four frames per second: red, green and blue between black quarters.
+    static const std::string kColours =
+        "-f lavfi -i \"color=c=black:s=128x48:r=4,geq=r='if(eq(N\\,0)\\,255\\,0)':g='if(eq(N\\,1)"
+        "\\,255\\,0)':b='if(eq(N\\,2)\\,255\\,0)',drawbox=w=32:h=48:color=black:t=fill,"
+        "drawbox=x=96:w=32:h=48:color=black:t=fill\" -frames:v 3";
+    static const std::map<std::string, std::string> recipes = {
+        // 1920x1080: red columns 0-239, blue columns 1680-1919, green between with a yellow band
+        // over rows 0-107, so that the position of a crop shows in its pixels.
+        {"wide.png",
+         "-f lavfi -i color=c=0x00FF00:s=1920x1080 -vf \"format=rgb24,"
+         "drawbox=x=0:y=0:w=240:h=1080:color=0xFF0000:t=fill,drawbox=x=1680:y=0:w=240:h=1080:"
+         "color=0x0000FF:t=fill,drawbox=x=240:y=0:w=1440:h=108:color=0xFFFF00:t=fill\" -frames:v "
+         "1"},
+        {"tiny.png", "-f lavfi -i color=c=red:s=16x16 -frames:v 1"},
+        {"short.mp4", "-f lavfi -i testsrc2=s=160x120:r=10:d=0.5 -c:v libx264 -pix_fmt yuv420p"},
+        {"audio.mp4", "-f lavfi -i sine=d=0.5 -c:a aac"},
+        {"wide.mkv", "-f lavfi -i color=c=red:s=20000x16:r=5:d=0.2 -c:v mjpeg -pix_fmt yuvj420p"},
+        // A lossless archival codec: decodable, but no codec a background video is made with.
+        {"archival.mkv", "-f lavfi -i testsrc2=s=64x48:r=10:d=0.3 -c:v ffv1"},
+        {"rgb.gif", kColours},
+        {"colours.mp4", kColours + " -c:v libx264 -pix_fmt yuv420p"},
+        {"colours.webm", kColours + " -c:v libvpx"},
+        {"colours.ogv", kColours + " -c:v libtheora"},
     };
-    size_t set = 0;
-    while (at < gif.size() && byte(at) != 0x3B) {
-        if (byte(at) == 0x21) {
-            if (byte(at + 1) == 0xF9 && set < delays.size()) {
-                gif[at + 4] = static_cast<char>(delays[set] & 0xFF);
-                gif[at + 5] = static_cast<char>(delays[set] >> 8);
-                ++set;
-            }
-            at += 2;
-            skipSubBlocks();
-        } else if (byte(at) == 0x2C) {
-            const uint8_t packed = byte(at + 9);
-            at += 10;
-            if (packed & 0x80) {
-                at += size_t{3} << ((packed & 0x07) + 1);
-            }
-            ++at;  // LZW minimum code size
-            skipSubBlocks();
-        } else {
-            return 0;  // not a block this walker knows
-        }
+    const std::filesystem::path path = dir / name;
+    const auto recipe = recipes.find(name);
+    if (recipe != recipes.end() && !std::filesystem::exists(path)) {
+        EXPECT_TRUE(RunFfmpeg(recipe->second + " " + path.string())) << name;
     }
-    return set;
+    return path.string();
 }
 
-inline VBGSettings PictureSettings(uint32_t type) {
+inline std::string MediaBytes(const std::string& name) {
+    return ReadFile(Media(name));
+}
+
+// Writes `bytes` as test medium `name` and returns its path.
+inline std::string WriteMedia(const std::string& name, const std::string& bytes) {
+    WriteFile(Media(name), bytes);
+    return Media(name);
+}
+
+// Settings of a background of kind `bt` from `file`, or from `bytes` when given.
+inline VBGSettings MediaSettings(uint32_t bt, uint32_t type, const std::string& file,
+                                 const std::string* bytes = nullptr) {
     VBGSettings settings = VBG::DefaultVBGSettings();
-    settings.bt = VBG::BtImage;
+    settings.bt = bt;
     settings.imageOrVideoType = type;
+    settings.imageOrVideoDataSource = bytes != nullptr ? 2 : 1;
+    VBG::Text::CopyToField(settings.backgroundImageFile, ZYN_PATH_CHARS, file, ZYN_PATH_CHARS - 1);
+    settings.pData = bytes != nullptr ? reinterpret_cast<const uint8_t*>(bytes->data()) : nullptr;
+    settings.dataSize = bytes != nullptr ? static_cast<uint32_t>(bytes->size()) : 0;
     return settings;
 }
 
-inline VBGSettings FileSettings(uint32_t bt, uint32_t type, const std::filesystem::path& file) {
-    VBGSettings settings = PictureSettings(type);
-    settings.bt = bt;
-    settings.imageOrVideoDataSource = 1;
-    VBG::Text::CopyToField(settings.backgroundImageFile, ZYN_PATH_CHARS, file.string(),
-                           ZYN_PATH_CHARS - 1);
-    return settings;
-}
-
-inline VBGSettings MemorySettings(uint32_t bt, uint32_t type, const std::string& bytes) {
-    VBGSettings settings = PictureSettings(type);
-    settings.bt = bt;
-    settings.imageOrVideoDataSource = 2;
-    settings.pData = reinterpret_cast<const uint8_t*>(bytes.data());
-    settings.dataSize = static_cast<uint32_t>(bytes.size());
-    return settings;
-}
-
-// Threads of this process right now. A first thread is started and joined once before the first
-// count: a sanitizer runtime starts a helper thread of its own at the first thread creation, and
-// it must not be counted as one of the library's.
+// Threads of this process. A thread is started and joined before the first count, so that the
+// helper thread a sanitizer runtime starts at the first thread creation is not counted later.
 inline size_t ThreadCount() {
-    static const bool runtimeThreadsStarted = [] {
-        std::thread([] {}).join();
+    static std::thread warmUp([] {});
+    if (warmUp.joinable()) {
+        warmUp.join();
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        return true;
-    }();
-    (void)runtimeThreadsStarted;
-    size_t count = 0;
-    for ([[maybe_unused]] const auto& entry :
-         std::filesystem::directory_iterator("/proc/self/task")) {
-        ++count;
     }
-    return count;
+    const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
+    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
 // Polls `condition` every millisecond until it holds or `timeout` passes; returns its last value.
 inline bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
     const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) {
-            return condition();
-        }
+    bool holds = false;
+    while (!(holds = condition()) && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    return true;
+    return holds;
 }
 
-// The colour an ARGB pixel (B, G, R, A bytes) is closest to among the pure test colours.
+// The pure test colour an ARGB pixel (B, G, R, A bytes) is closest to: r, g, b, y or k; else '?'.
 inline char ColourAt(const uint8_t* argb, int stride, int x, int y) {
     const uint8_t* p = argb + static_cast<size_t>(y) * stride + static_cast<size_t>(x) * 4;
-    const bool b = p[0] > 160;
-    const bool g = p[1] > 160;
-    const bool r = p[2] > 160;
-    if (r && g && !b)
-        return 'y';
-    if (r && !g && !b)
-        return 'r';
-    if (!r && g && !b)
-        return 'g';
-    if (!r && !g && b)
-        return 'b';
-    if (!r && !g && !b && p[0] < 60 && p[1] < 60 && p[2] < 60)
-        return 'k';
-    return '?';
+    const int bits = (p[2] > 160) * 4 + (p[1] > 160) * 2 + (p[0] > 160);
+    return bits != 0 ? "?bg?r?y?"[bits] : p[0] < 60 && p[1] < 60 && p[2] < 60 ? 'k' : '?';
 }
 
 }  // namespace zyn_test

@@ -5,9 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 
 namespace zyn_test {
@@ -16,34 +14,25 @@ class PageGuardedBuffer {
   public:
     explicit PageGuardedBuffer(size_t size) : size_(size) {
         const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        const size_t dataPages = (size + page - 1) / page;
-        mapped_ = (dataPages + 1) * page;
-        void* base =
-            mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (base == MAP_FAILED) {
-            throw std::runtime_error("mmap failed");
+        const size_t usable = (size + page - 1) / page * page;
+        base_ = mmap(nullptr, usable + page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (base_ == MAP_FAILED || mprotect(base_, usable, PROT_READ | PROT_WRITE) != 0) {
+            throw std::runtime_error("cannot map a guarded buffer");
         }
-        base_ = static_cast<uint8_t*>(base);
-        if (mprotect(base_ + dataPages * page, page, PROT_NONE) != 0) {
-            munmap(base_, mapped_);
-            throw std::runtime_error("mprotect failed");
-        }
-        data_ = base_ + dataPages * page - size;
+        mapped_ = usable + page;
+        data_ = static_cast<uint8_t*>(base_) + usable - size;
     }
     ~PageGuardedBuffer() { munmap(base_, mapped_); }
     PageGuardedBuffer(const PageGuardedBuffer&) = delete;
     PageGuardedBuffer& operator=(const PageGuardedBuffer&) = delete;
 
-    uint8_t* data() { return data_; }
-    const uint8_t* data() const { return data_; }
+    uint8_t* data() const { return data_; }
     size_t size() const { return size_; }
-    void fill(const uint8_t* from) { std::memcpy(data_, from, size_); }
 
   private:
-    size_t size_;
-    size_t mapped_ = 0;
-    uint8_t* base_ = nullptr;
-    uint8_t* data_ = nullptr;
+    size_t size_, mapped_ = 0;
+    void* base_;
+    uint8_t* data_;
 };
 
 }  // namespace zyn_test
