@@ -1,5 +1,7 @@
-// The processing-type evaluation with stand-in evaluator programs: which programs are started, in
-// which order, with which arguments and streams, and how their ends are read.
+// The processing-type evaluation with stand-in evaluator programs (which programs are started, in
+// which order, with which arguments and streams, and how their ends are read), and the engine
+// factory by processing type with its automatic path (stored selection, waiting for the
+// evaluation, walk of the automatic order).
 #include "selection/processing_type_evaluator.h"
 
 #include <fcntl.h>
@@ -8,251 +10,232 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
-#include <fstream>
-#include <functional>
-#include <iterator>
+#include <future>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "config/vbg_settings.h"
+#include "engine/virtual_background_impl_cpu_yuv.h"
+#include "engine/virtual_background_impl_gpu.h"
+#include "ml/vbg_ml_processing.h"
 #include "selection/processing_type_evaluator_limits.h"
 #include "support/evaluator_stand_in.h"
 #include "support/log_capture.h"
+#include "util/text.h"
+#include "zyn_native_vbg.h"
 
 using VBG::ProcessingTypeEvaluator;
-using zyn_test::EvaluationFolders;
+using VBG::VirtualBackground;
 using zyn_test::EvaluatorStandIn;
 using zyn_test::LogCapture;
 using namespace std::chrono_literals;
 
 namespace {
 
-const std::vector<std::string> kAutomaticOrderNames = {
-    "OpenVinoGpuPPGPU", "OnnxRuntimeDMLPPGPU", "OpenVinoCpuPPGPU", "OpenVinoCpu", "OnnxRuntimeCpu"};
+const std::vector<std::string> kOrder = {"OpenVinoGpuPPGPU", "OnnxRuntimeDMLPPGPU",
+                                         "OpenVinoCpuPPGPU", "OpenVinoCpu", "OnnxRuntimeCpu"};
+constexpr const char* kAutoFn = "VBG::VirtualBackground::createAutoZynNative";
+// Shell code of a stand-in that works: it stores `type` as the selection, as the program does.
+std::string StoresType(const std::string& type) {
+    return "printf '{\"selected_processing_type\": \"%s\", \"selected_processing_time\": "
+           "\"%s\"}' \"" +
+           type + "\" \"$(date +%s)\" > \"$4/PT_CONFIG.json\"\nexit 0";
+}
 
 class EvaluatorTest : public ::testing::Test {
   protected:
     void SetUp() override { folders().removeSelection(); }
     void TearDown() override {
+        waitForEvaluationEnd();
         VBG::ResetEvaluatorLimitsForTesting();
         folders().removeSelection();
+        VBG::DestroyVBGMLProcessingInstance();  // one backend per process, of one type
     }
-
-    static const EvaluationFolders& folders() { return EvaluationFolders::Get(); }
-
-    static void useProgram(const std::string& program,
-                           std::chrono::milliseconds evaluatorRun = 60s) {
+    static void waitForEvaluationEnd() {
+        const auto deadline = std::chrono::steady_clock::now() + 30s;
+        while (ProcessingTypeEvaluator::IsEvaluationRunning() &&
+               std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(5ms);
+        }
+    }
+    static const zyn_test::EvaluationFolders& folders() {
+        return zyn_test::EvaluationFolders::Get();
+    }
+    static void useProgram(const std::string& program, std::chrono::milliseconds run = 60s,
+                           std::chrono::milliseconds completionWait = 60s) {
         VBG::EvaluatorLimits limits;
         limits.programPath = program;
-        limits.evaluatorRun = evaluatorRun;
+        limits.evaluatorRun = run;
+        limits.completionWait = completionWait;
         VBG::SetEvaluatorLimitsForTesting(limits);
     }
-
-    static std::string failureMessage(int code, const std::string& type) {
+    static std::string failure(int code, const std::string& type) {
         return "VBG eval failed, process return code: " + std::to_string(code) +
                " for processing type: " + type;
     }
-
-    static std::string quotedCommandLine(const std::string& type) {
+    static std::string commandLine(const std::string& type) {
         return "\"" + type + "\" \"" + folders().models().string() + "/model.winml\" \"" +
                folders().logs().string() + "\" \"" + folders().cache().string() + "\"";
     }
+    static VBGSettings blurSettings(uint32_t pt,
+                                    const std::filesystem::path& model = zyn_test::RealModelsDir() /
+                                                                         "model.winml") {
+        VBGSettings settings = VBG::DefaultVBGSettings();
+        settings.pt = pt;
+        settings.bt = VBG::BtBlur;
+        settings.blurAlgo = 1;
+        settings.effects = ZYN_EFFECT_BACKGROUND;
+        VBG::Text::CopyToField(settings.modelFilePath, ZYN_PATH_CHARS, model.string(),
+                               ZYN_PATH_CHARS - 1);
+        VBG::Text::CopyToField(settings.logDirectory, ZYN_PATH_CHARS, folders().logs().string(),
+                               ZYN_PATH_CHARS - 1);
+        VBG::Text::CopyToField(settings.fileCachePath, ZYN_PATH_CHARS, folders().cache().string(),
+                               ZYN_PATH_CHARS - 1);
+        return settings;
+    }
+    static uint32_t typeOf(VirtualBackground* engine) {
+        uint32_t type = 99;
+        engine->getFrameProcessingStats(nullptr, nullptr, &type);
+        return type;
+    }
+    static void destroy(VirtualBackground* engine) {
+        if (engine != nullptr) {
+            engine->shutdown();
+            delete engine;
+        }
+    }
 };
 
-// ---- Whether the evaluation runs at all -----------------------------------------------------
+// ---- The evaluation
 
-TEST_F(EvaluatorTest, FreshSelectionStartsNoProcess) {
-    EvaluatorStandIn standIn("exit 0");
-    useProgram(standIn.program());
-    // A fresh selection is used whatever it names, even a type that is not known.
-    for (const std::string name : {"OnnxRuntimeCpu", "NoSuchType"}) {
-        SCOPED_TRACE(name);
-        folders().storeSelectionAged(name, 720h);
-        LogCapture log;
-        ProcessingTypeEvaluator::EvaluateInternal();
-        EXPECT_TRUE(standIn.calls().empty());
-        EXPECT_EQ(log.countContaining("Launching VBG eval process"), 0u) << log.dump();
-        EXPECT_FALSE(ProcessingTypeEvaluator::IsEvaluationRunning());
-    }
-}
-
-TEST_F(EvaluatorTest, MissingExpiredOrUnreadableSelectionRunsTheFirstTypeAndStopsAtSuccess) {
-    struct Case {
+TEST_F(EvaluatorTest, OnlyAFreshSelectionSavesTheEvaluation) {
+    const struct {
         const char* what;
-        std::function<void()> prepare;
+        std::string selection;  // "" for none
+        bool runs;
+    } cases[] = {
+        {"fresh", "OnnxRuntimeCpu 719", false},
+        {"fresh, of no known type", "NoSuchType 1", false},
+        {"missing", "", true},
+        {"expired", "OnnxRuntimeCpu 721", true},
+        {"unreadable time", "soon", true},
     };
-    const std::vector<Case> cases = {
-        {"missing", [] { folders().removeSelection(); }},
-        {"expired", [] { folders().storeSelectionAged("OnnxRuntimeCpu", 721h); }},
-        {"unreadable time", [] { folders().storeSelection("OnnxRuntimeCpu", "soon"); }},
-        {"not JSON", [] { zyn_test::WriteFile(folders().selectionFile(), "{\"selected"); }},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         EvaluatorStandIn standIn("exit 0");
         useProgram(standIn.program());
-        c.prepare();
+        folders().removeSelection();
+        if (c.selection == "soon") {
+            zyn_test::WriteFile(folders().selectionFile(),
+                                "{\"selected_processing_type\": \"OnnxRuntimeCpu\", "
+                                "\"selected_processing_time\": \"soon\"}");
+        } else if (!c.selection.empty()) {
+            const size_t blank = c.selection.find(' ');
+            folders().storeSelection(c.selection.substr(0, blank),
+                                     std::chrono::hours(std::stoi(c.selection.substr(blank))));
+        }
         LogCapture log;
         ProcessingTypeEvaluator::EvaluateInternal();
-        EXPECT_EQ(standIn.calls(), std::vector<std::string>{"OpenVinoGpuPPGPU"});
+        // The first type works, so the walk stops there.
+        EXPECT_EQ(standIn.calls().size(), c.runs ? 1u : 0u);
         EXPECT_EQ(log.countContaining("VBG eval failed"), 0u) << log.dump();
         EXPECT_FALSE(ProcessingTypeEvaluator::IsEvaluationRunning());
     }
 }
 
-// ---- The walk through the automatic order ---------------------------------------------------
-
-TEST_F(EvaluatorTest, EveryTypeFailingStartsFiveProcessesInOrderAndLogsEachFailure) {
-    EvaluatorStandIn standIn("exit 1");
-    useProgram(standIn.program());
-    LogCapture log;
-    ProcessingTypeEvaluator::EvaluateInternal();
-
-    EXPECT_EQ(standIn.calls(), kAutomaticOrderNames);
-    for (const std::string& type : kAutomaticOrderNames) {
-        EXPECT_TRUE(log.has(spdlog::level::err, failureMessage(1, type))) << type << log.dump();
+// Each failing type is logged with its evaluator's result: the exit code, 128 + the signal that
+// ended it, or -4 for one still running at the deadline (killed); the walk stops at success.
+TEST_F(EvaluatorTest, WalkThroughTheOrderUntilATypeWorks) {
+    const struct {
+        std::string behaviour;
+        size_t calls;
+        int firstCode;
+    } cases[] = {
+        {"exit 42", 5, 42},
+        {"[ \"$1\" = OpenVinoCpu ] && exit 0\nkill -ABRT $$", 4, 128 + 6},
+        {"[ \"$1\" = OpenVinoGpuPPGPU ] && kill -SEGV $$\nexit 0", 2, 128 + 11},
+        {"[ \"$1\" = OpenVinoGpuPPGPU ] && exec sleep 60\nexit 0", 2, -4},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.behaviour);
+        EvaluatorStandIn standIn(c.behaviour);
+        useProgram(standIn.program(), 300ms);
+        LogCapture log;
+        ProcessingTypeEvaluator::EvaluateInternal();
+        EXPECT_EQ(standIn.calls(),
+                  std::vector<std::string>(kOrder.begin(), kOrder.begin() + c.calls));
+        EXPECT_TRUE(log.has(spdlog::level::err, failure(c.firstCode, kOrder[0]))) << log.dump();
+        const bool allFail = c.calls == 5;
+        EXPECT_EQ(log.countContaining(" for processing type: "), allFail ? 5 : c.calls - 1);
+        EXPECT_EQ(log.countContaining("Launching VBG eval process"), c.calls);
+        EXPECT_EQ(log.count("VBG eval failed, process return code: " + std::to_string(c.firstCode)),
+                  allFail ? 1u : 0u);
     }
-    EXPECT_EQ(log.countContaining(" for processing type: "), 5u);
-    EXPECT_TRUE(log.has(spdlog::level::err, "VBG eval failed, process return code: 1"));
-    EXPECT_EQ(log.countContaining("Launching VBG eval process"), 5u);
-    EXPECT_FALSE(ProcessingTypeEvaluator::IsEvaluationRunning());
 }
 
-TEST_F(EvaluatorTest, WalkStopsAtTheFirstTypeThatWorks) {
-    // Only OpenVinoCpu works; the last code before it is what each failure reports.
-    EvaluatorStandIn standIn("[ \"$1\" = OpenVinoCpu ] && exit 0\nexit 3");
-    useProgram(standIn.program());
-    LogCapture log;
-    ProcessingTypeEvaluator::EvaluateInternal();
-
-    EXPECT_EQ(standIn.calls(), std::vector<std::string>(kAutomaticOrderNames.begin(),
-                                                        kAutomaticOrderNames.begin() + 4));
-    EXPECT_EQ(log.countContaining(" for processing type: "), 3u) << log.dump();
-    EXPECT_TRUE(log.contains(failureMessage(3, "OpenVinoCpuPPGPU")));
-    EXPECT_EQ(log.count("VBG eval failed, process return code: 3"), 0u);
-}
-
-TEST_F(EvaluatorTest, CrashingEvaluatorCountsAsFailedType) {
-    EvaluatorStandIn standIn("[ \"$1\" = OpenVinoGpuPPGPU ] && kill -SEGV $$\nexit 0");
-    useProgram(standIn.program());
-    LogCapture log;
-    ProcessingTypeEvaluator::EvaluateInternal();
-
-    EXPECT_EQ(standIn.calls(),
-              (std::vector<std::string>{"OpenVinoGpuPPGPU", "OnnxRuntimeDMLPPGPU"}));
-    EXPECT_TRUE(log.has(spdlog::level::err, failureMessage(128 + SIGSEGV, "OpenVinoGpuPPGPU")))
-        << log.dump();
-}
-
-TEST_F(EvaluatorTest, MissingEvaluatorFailsEveryTypeWithLaunchFailure) {
-    zyn_test::TempDir empty("zyn-no-evaluator");
-    const std::string program = (empty.path() / "EvalVBGProcessingType").string();
-    useProgram(program);
-    LogCapture log;
-    ProcessingTypeEvaluator::EvaluateInternal();
-
-    for (const std::string& type : kAutomaticOrderNames) {
-        EXPECT_TRUE(log.has(spdlog::level::err, failureMessage(-3, type))) << type;
+TEST_F(EvaluatorTest, ProgramMissingOrNotExecutableIsALaunchFailure) {
+    zyn_test::TempDir dir("zyn-no-evaluator");
+    const std::filesystem::path program = dir.path() / "EvalVBGProcessingType";
+    for (const int error : {2 /* ENOENT */, 13 /* EACCES */}) {
+        if (error == 13) {
+            zyn_test::WriteFile(program, "#!/bin/sh\nexit 0\n");
+            ::chmod(program.c_str(), 0644);
+        }
+        useProgram(program.string());
+        LogCapture log;
+        EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu), -3);
         EXPECT_TRUE(log.has(spdlog::level::err,
-                            "VBG eval process launch failed, error code: 2, process: " + program +
-                                ", command line: " + quotedCommandLine(type)))
+                            "VBG eval process launch failed, error code: " + std::to_string(error) +
+                                ", process: " + program.string() +
+                                ", command line: " + commandLine("OpenVinoCpu")))
             << log.dump();
     }
-    EXPECT_TRUE(log.has(spdlog::level::err, "VBG eval failed, process return code: -3"));
-    EXPECT_FALSE(std::filesystem::exists(folders().selectionFile()));
 }
 
-// ---- One evaluator process ------------------------------------------------------------------
-
-TEST_F(EvaluatorTest, CommandLineRecordAndArgumentsCarryTheFourValues) {
-    EvaluatorStandIn standIn("exit 0");
-    useProgram(standIn.program());
-    LogCapture log;
-    EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu), 0);
-
-    // Four double-quoted values separated by single blanks, the model file joined with "/".
-    const std::string commandLine = "\"OpenVinoCpu\" \"" + folders().models().string() +
-                                    "/model.winml\" \"" + folders().logs().string() + "\" \"" +
-                                    folders().cache().string() + "\"";
-    EXPECT_EQ(ProcessingTypeEvaluator::CommandLine(VBG::PtOpenVinoCpu), commandLine);
-    EXPECT_TRUE(
-        log.has(spdlog::level::warn, "Launching VBG eval process, process: " + standIn.program() +
-                                         ", command line: " + commandLine))
-        << log.dump();
-    EXPECT_EQ(
-        standIn.argvLines(),
-        (std::vector<std::string>{
-            "argc=4", "arg=OpenVinoCpu", "arg=" + (folders().models() / "model.winml").string(),
-            "arg=" + folders().logs().string(), "arg=" + folders().cache().string()}));
-}
-
-TEST_F(EvaluatorTest, EvaluatorGetsNullStreamsNoHostDescriptorsNoBlockedSignalsAndItsOwnSession) {
+TEST_F(EvaluatorTest, EvaluatorGetsFourArgumentsNullStreamsNoHostDescriptorsAndItsOwnSession) {
     // Everything is read by the shell itself (built-ins and expansions), before any redirection or
     // child process could change what it sees.
     EvaluatorStandIn standIn(
-        "out=\"$(dirname \"$0\")\"\n"
         "s0=$(readlink /proc/$$/fd/0); s1=$(readlink /proc/$$/fd/1); s2=$(readlink "
         "/proc/$$/fd/2)\n"
         "leaked=no; [ -e /proc/$$/fd/47 ] && leaked=yes\n"
         "mask=; while read -r key value; do [ \"$key\" = SigBlk: ] && mask=$value; done < "
         "/proc/$$/status\n"
-        "read -r stat < /proc/$$/stat; set -- $stat\n"
-        "printf '%s\\n' \"$s0\" \"$s1\" \"$s2\" \"$leaked\" \"$mask\" \"$6\" \"$$\" > "
-        "\"$out/report.txt\"\n"
-        "exit 0");
+        "read -r stat < /proc/$$/stat\n"
+        "printf '%s\\n' \"$#\" \"$@\" \"$s0\" \"$s1\" \"$s2\" \"$leaked\" \"$mask\" "
+        "\"$(echo $stat | cut -d' ' -f6)\" \"$$\" > \"$(dirname \"$0\")/report.txt\"");
     useProgram(standIn.program());
-
     // A descriptor the host opened without close-on-exec, and a signal it blocks.
     const int hostFile = ::open("/dev/zero", O_RDONLY);
-    ASSERT_GE(hostFile, 0);
     ASSERT_EQ(::dup2(hostFile, 47), 47);
     sigset_t blocked, previous;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &blocked, &previous);
-
-    const int code = ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOnnxRuntimeCpu);
-
+    LogCapture log;
+    const int code = ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu);
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     ::close(47);
     ::close(hostFile);
 
     ASSERT_EQ(code, 0);
-    const std::vector<std::string> report = zyn_test::ReadLines(standIn.dir() / "report.txt");
-    ASSERT_EQ(report.size(), 7u);
-    EXPECT_EQ(report[0], "/dev/null");
-    EXPECT_EQ(report[1], "/dev/null");
-    EXPECT_EQ(report[2], "/dev/null");
-    EXPECT_EQ(report[3], "no") << "a descriptor of the host reached the evaluator";
-    EXPECT_EQ(report[4], "0000000000000000") << "signals blocked in the evaluator";
-    EXPECT_EQ(report[5], report[6]) << "the evaluator does not lead a session of its own";
-}
-
-TEST_F(EvaluatorTest, ExitStatusIsTheResultAndASignalCountsAs128Plus) {
-    EvaluatorStandIn exits("exit 42");
-    useProgram(exits.program());
-    EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOnnxRuntimeCpu), 42);
-
-    EvaluatorStandIn aborts("kill -ABRT $$");
-    useProgram(aborts.program());
-    EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOnnxRuntimeCpu), 128 + SIGABRT);
-}
-
-TEST_F(EvaluatorTest, ProgramThatCannotBeExecutedIsALaunchFailure) {
-    zyn_test::TempDir dir("zyn-not-executable");
-    const std::filesystem::path program = dir.path() / "EvalVBGProcessingType";
-    zyn_test::WriteFile(program, "#!/bin/sh\nexit 0\n");
-    ::chmod(program.c_str(), 0644);
-    useProgram(program.string());
-    LogCapture log;
-    EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu),
-              ProcessingTypeEvaluator::kLaunchFailed);
-    EXPECT_TRUE(log.has(spdlog::level::err,
-                        "VBG eval process launch failed, error code: " + std::to_string(EACCES) +
-                            ", process: " + program.string() +
-                            ", command line: " + quotedCommandLine("OpenVinoCpu")))
-        << log.dump();
+    // Four double-quoted values separated by single blanks, the model file joined with "/".
+    EXPECT_EQ(ProcessingTypeEvaluator::CommandLine(VBG::PtOpenVinoCpu), commandLine("OpenVinoCpu"));
+    EXPECT_TRUE(
+        log.has(spdlog::level::warn, "Launching VBG eval process, process: " + standIn.program() +
+                                         ", command line: " + commandLine("OpenVinoCpu")));
+    const auto report = zyn_test::ReadLines(standIn.dir() / "report.txt");
+    ASSERT_EQ(report.size(), 12u);
+    EXPECT_EQ(std::vector<std::string>(report.begin(), report.begin() + 10),
+              (std::vector<std::string>{
+                  "4", "OpenVinoCpu", (folders().models() / "model.winml").string(),
+                  folders().logs().string(), folders().cache().string(), "/dev/null", "/dev/null",
+                  "/dev/null", "no", "0000000000000000"}));
+    EXPECT_EQ(report[10], report[11]) << "the evaluator does not lead a session of its own";
 }
 
 TEST_F(EvaluatorTest, HostThatIgnoresChildSignalsGetsTheResultFromTheStoredSelection) {
@@ -262,40 +245,22 @@ TEST_F(EvaluatorTest, HostThatIgnoresChildSignalsGetsTheResultFromTheStoredSelec
     struct sigaction previous {};
     ignore.sa_handler = SIG_IGN;
     sigemptyset(&ignore.sa_mask);
-    const struct {
-        const char* behaviour;
-        int code;
-    } cases[] = {{"exit 0", ProcessingTypeEvaluator::kLaunchFailed},
-                 {"printf '{\"selected_processing_type\": \"%s\", \"selected_processing_time\": "
-                  "\"%s\"}' \"$1\" \"$(date +%s)\" > \"$4/PT_CONFIG.json\"\nexit 0",
-                  0}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.behaviour);
+    for (const auto& [behaviour, code] :
+         {std::pair<std::string, int>{"exit 0", -3}, {StoresType("$1"), 0}}) {
+        SCOPED_TRACE(behaviour);
         folders().removeSelection();
-        EvaluatorStandIn standIn(c.behaviour);
+        EvaluatorStandIn standIn(behaviour);
         useProgram(standIn.program());
         ASSERT_EQ(::sigaction(SIGCHLD, &ignore, &previous), 0);
         LogCapture log;
-        const int code = ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu);
+        EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu), code);
         ::sigaction(SIGCHLD, &previous, nullptr);
-
-        EXPECT_EQ(code, c.code);
-        EXPECT_EQ(log.has(spdlog::level::err,
-                          "GetExitCodeProcess failed: error code: " + std::to_string(ECHILD)),
-                  c.code != 0)
+        EXPECT_EQ(log.has(spdlog::level::err, "GetExitCodeProcess failed: error code: 10"),
+                  code != 0)  // ECHILD
             << log.dump();
         EXPECT_EQ(standIn.calls(), std::vector<std::string>{"OpenVinoCpu"});
     }
 }
-
-namespace {
-char processState(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    const size_t close = text.rfind(')');
-    return close == std::string::npos || close + 2 >= text.size() ? '\0' : text[close + 2];
-}
-}  // namespace
 
 TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
     EvaluatorStandIn standIn(
@@ -304,10 +269,8 @@ TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
     useProgram(standIn.program(), 300ms);
     LogCapture log;
     const auto start = std::chrono::steady_clock::now();
-    const int code = ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu);
+    EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu), -4);
     const auto waited = std::chrono::steady_clock::now() - start;
-
-    EXPECT_EQ(code, ProcessingTypeEvaluator::kStillRunning);
     EXPECT_GE(waited, 300ms);
     EXPECT_LT(waited, 10s);
     EXPECT_TRUE(log.has(spdlog::level::err,
@@ -316,14 +279,12 @@ TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
 
     // The evaluator is gone and reaped; what it started runs no more (it may wait as a zombie
     // for whichever process adopted it).
-    const std::vector<std::string> pid = zyn_test::ReadLines(standIn.dir() / "pid.txt");
-    const std::vector<std::string> child = zyn_test::ReadLines(standIn.dir() / "child.txt");
-    ASSERT_EQ(pid.size(), 1u);
-    ASSERT_EQ(child.size(), 1u);
-    EXPECT_EQ(processState(std::stoi(pid[0])), '\0') << "evaluator process was not reaped";
-    const pid_t childPid = std::stoi(child[0]);
-    const auto childRuns = [childPid] {
-        const char state = processState(childPid);
+    const auto pid = zyn_test::ReadLines(standIn.dir() / "pid.txt");
+    const auto child = zyn_test::ReadLines(standIn.dir() / "child.txt");
+    ASSERT_EQ(pid.size() + child.size(), 2u);
+    EXPECT_EQ(zyn_test::ProcessState("/proc/" + pid[0] + "/stat"), '\0') << "not reaped";
+    const auto childRuns = [&] {
+        const char state = zyn_test::ProcessState("/proc/" + child[0] + "/stat");
         return state != '\0' && state != 'Z';
     };
     const auto deadline = std::chrono::steady_clock::now() + 5s;
@@ -331,26 +292,205 @@ TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
         std::this_thread::sleep_for(10ms);
     }
     EXPECT_FALSE(childRuns()) << "what the evaluator started still runs";
-    if (childRuns()) {
-        ::kill(childPid, SIGKILL);
+}
+
+// ---- Engines by processing type (status 5: not supported)
+
+TEST_F(EvaluatorTest, CpuTypesBuildTheCpuEngineGpuTypesAreNotSupportedHere) {
+    for (const uint32_t pt : {0u, 2u, 1u, 4u, 6u, 8u}) {
+        SCOPED_TRACE(pt);
+        const bool cpu = pt == 0 || pt == 2;
+        LogCapture log;
+        uint32_t error = 77;
+        VirtualBackground* engine =
+            VirtualBackground::createZynNative(blurSettings(pt), error, 640, 360);
+        EXPECT_EQ(engine != nullptr, cpu) << log.dump();
+        EXPECT_EQ(error, cpu ? 77u : 5u) << "a successful create must not write the error code";
+        if (cpu) {
+            EXPECT_NE(dynamic_cast<VBG::VirtualBackgroundImplYuv*>(engine), nullptr);
+            EXPECT_EQ(typeOf(engine), pt);
+            destroy(engine);
+            VBG::DestroyVBGMLProcessingInstance();
+            continue;
+        }
+        const std::string gpu = "VBG::VirtualBackgroundImplGPU::";
+        EXPECT_EQ(log.hasFrom(gpu + "VirtualBackgroundImplGPU", "WinML GPU processing disabled"),
+                  pt != 1);
+        EXPECT_TRUE(log.hasFrom(gpu + "VirtualBackgroundImplGPU", "Constructed. HR:0x80004002"));
+        EXPECT_TRUE(
+            log.has(spdlog::level::err, "VBGD3D12 not initialised properly. HR:0x80004002"));
+        EXPECT_TRUE(log.hasFrom(gpu + "~VirtualBackgroundImplGPU", "Destroyed. HR:0x80004002"));
+    }
+    // Made directly, the GPU engine refuses its init and every frame.
+    VBG::VirtualBackgroundImplGPU engine(8);
+    EXPECT_EQ(engine.constructionResult(), 0x80004002u);
+    EXPECT_EQ(engine.init(blurSettings(8), 640, 360), 1);
+    std::vector<uint8_t> luma(64 * 36, 100), chroma(64 * 18, 128);
+    ZynNativeInputFrame frame{};
+    frame.width = 64;
+    frame.height = 36;
+    frame.format = ZYN_FORMAT_NV12;
+    frame.plane0 = luma.data();
+    frame.stride0 = 64;
+    frame.plane1 = chroma.data();
+    frame.stride1 = 64;
+    ZynNativeInputFrame output = frame;
+    EXPECT_FALSE(engine.processVideoFrame(&frame, &output));
+}
+
+// Engines whose init or presenter set-up throws; every destruction is counted.
+std::atomic<int> throwingEnginesDestroyed{0};
+std::atomic<bool> throwInInit{false};
+
+class ThrowingEngine : public VBG::VirtualBackgroundImplYuv {
+  public:
+    using VirtualBackgroundImplYuv::VirtualBackgroundImplYuv;
+    ~ThrowingEngine() override { throwingEnginesDestroyed.fetch_add(1); }
+    int init(const VBGSettings&, uint32_t, uint32_t) override {
+        if (throwInInit.load()) {
+            throw std::runtime_error("init threw");
+        }
+        return 0;
+    }
+    bool updateWeatherman(const ZynNativeWeathermanSettings&) override {
+        throw std::runtime_error("presenter set-up threw");
+    }
+};
+
+// An effect configuration in the given processing mode, with a presenter layout or without.
+std::string effectConfig(int mode, bool presenter) {
+    return R"({"processingMode": )" + std::to_string(mode) + R"(, "effects": [)" +
+           (presenter ? R"({"name": "weatherman", "mode": "overlay", "weathermanAlpha": "0.9", )"
+                        R"("weathermanSize": "0.5", "weathermanOffsetX": "0.25", )"
+                        R"("weathermanOffsetY": "0"}]})"
+                      : R"({"name": "blur"}]})");
+}
+
+// Through the create export: status 0 and no instance when the automatic create finds nothing,
+// status 3 and the engine freed when a create throws; the handle is left null either way.
+TEST_F(EvaluatorTest, CreateExportLeavesTheHandleNullWhenNoEngineIsMade) {
+    for (const bool presenter : {false, true}) {
+        SCOPED_TRACE(presenter);
+        LogCapture log;
+        ZynNativeHandle handle = reinterpret_cast<ZynNativeHandle>(0x1);
+        EXPECT_EQ(
+            ZynNativeVideoProcessingCreateInstance(effectConfig(3, presenter).c_str(), &handle),
+            0u);
+        EXPECT_EQ(handle, nullptr);
+        EXPECT_TRUE(log.hasFrom(kAutoFn,
+                                "Process Evaluation is not initialised and not running, possibly "
+                                "no processing types are supported"))
+            << log.dump();
+        EXPECT_TRUE(log.has(spdlog::level::err, "createAutoZynNative failed"));
+    }
+    VirtualBackground::SetEngineMakerForTesting(
+        [](uint32_t pt) -> VirtualBackground* { return new ThrowingEngine(pt); });
+    for (const bool presenter : {false, true}) {
+        SCOPED_TRACE(presenter);
+        throwInInit = !presenter;
+        throwingEnginesDestroyed = 0;
+        LogCapture log;
+        ZynNativeHandle handle = nullptr;
+        EXPECT_EQ(
+            ZynNativeVideoProcessingCreateInstance(effectConfig(2, presenter).c_str(), &handle),
+            3u);
+        EXPECT_EQ(handle, nullptr);
+        EXPECT_EQ(throwingEnginesDestroyed.load(), 1);
+        EXPECT_TRUE(
+            log.has(spdlog::level::err, presenter ? "presenter set-up threw" : "init threw"))
+            << log.dump();
+    }
+    VirtualBackground::SetEngineMakerForTesting(nullptr);
+}
+
+// An automatic create on a thread of its own while the stand-in evaluator is held open; the
+// evaluator ends only once that thread is blocked waiting for the evaluation.
+TEST_F(EvaluatorTest, AutomaticCreateWaitsForTheEvaluationAndUsesItsSelection) {
+    const struct {
+        std::string behaviour;
+        uint32_t type;  // the engine's
+        size_t calls;
+        const char* logged;
+    } cases[] = {
+        {StoresType("OnnxRuntimeCpu"), 2, 1, "Selected processing type: OnnxRuntimeCpu"},
+        // Nothing stored: the create walks the order itself; 3 is the first type that works here.
+        {"exit 1", 3, 5, "Selected processing type is auto, fallback to auto logic"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.behaviour);
+        folders().removeSelection();
+        zyn_test::TempDir control("zyn-control");
+        const std::filesystem::path release = control.path() / "release";
+        EvaluatorStandIn standIn(zyn_test::HeldOpenUntil(release, c.behaviour));
+        useProgram(standIn.program());
+        LogCapture log;
+        ProcessingTypeEvaluator::StartEvaluation();
+        std::atomic<long> tid{0};
+        uint32_t error = 0;
+        auto creation = std::async(std::launch::async, [&] {
+            tid = zyn_test::CurrentThreadId();
+            return VirtualBackground::createZynNative(blurSettings(9), error, 1280, 720);
+        });
+        while (tid == 0) {
+            std::this_thread::yield();
+        }
+        EXPECT_TRUE(zyn_test::WaitUntilThreadSleeps(tid, 20s));
+        zyn_test::WriteFile(release, "");
+        VirtualBackground* engine = creation.get();
+        EXPECT_TRUE(log.hasFrom(kAutoFn,
+                                "Evaluation process is now complete, now proceed to "
+                                "creation of VBG object"));
+        EXPECT_TRUE(log.hasFrom(kAutoFn, c.logged)) << log.dump();
+        EXPECT_EQ(standIn.calls().size(), c.calls);
+        ASSERT_NE(engine, nullptr);
+        EXPECT_EQ(typeOf(engine), c.type);
+        destroy(engine);
+        VBG::DestroyVBGMLProcessingInstance();
     }
 }
 
-TEST_F(EvaluatorTest, HungEvaluatorCountsAsFailedAndTheNextTypeIsTried) {
-    EvaluatorStandIn standIn(
-        "if [ \"$1\" = OpenVinoGpuPPGPU ]; then echo $$ > \"$(dirname \"$0\")/pid.txt\"; exec "
-        "sleep 60; fi\nexit 0");
-    useProgram(standIn.program(), 200ms);
+TEST_F(EvaluatorTest, AutomaticCreateGivesUpWhenTheEvaluationTakesTooLong) {
+    zyn_test::TempDir control("zyn-control");
+    EvaluatorStandIn standIn(zyn_test::HeldOpenUntil(control / "release", "exit 1"));
+    useProgram(standIn.program(), 60s, 300ms);
     LogCapture log;
-    ProcessingTypeEvaluator::EvaluateInternal();
+    ProcessingTypeEvaluator::StartEvaluation();
+    uint32_t error = 0;
+    EXPECT_EQ(VirtualBackground::createZynNative(blurSettings(9), error, 640, 360), nullptr);
+    EXPECT_EQ(error, 0u);
+    EXPECT_TRUE(log.hasFrom(kAutoFn, "Evaluation process is taking too much time to complete"))
+        << log.dump();
+    EXPECT_TRUE(log.has(spdlog::level::err, "Evaluation thread timeout occured"));
+    zyn_test::WriteFile(control / "release", "");
+    waitForEvaluationEnd();  // it logs until it ends: let it end while the capture is alive
+}
 
-    const std::vector<std::string> pidLines = zyn_test::ReadLines(standIn.dir() / "pid.txt");
-    if (!pidLines.empty()) {
-        ::kill(std::stoi(pidLines[0]), SIGKILL);
-    }
-    EXPECT_EQ(standIn.calls(),
-              (std::vector<std::string>{"OpenVinoGpuPPGPU", "OnnxRuntimeDMLPPGPU"}));
-    EXPECT_TRUE(log.has(spdlog::level::err, failureMessage(-4, "OpenVinoGpuPPGPU"))) << log.dump();
+TEST_F(EvaluatorTest, StoredTypeThatFailsFallsBackToTheWalkOnlyForAuto) {
+    // The stored type needs a GPU; 6, 8 and 4 need it too, 3 is the first type that works here.
+    folders().storeSelection("OpenVinoGpuPPGPU", 1h);
+    LogCapture log;
+    uint32_t error = 0;
+    VirtualBackground* engine =
+        VirtualBackground::createAutoZynNative(blurSettings(9), error, 640, 360);
+    ASSERT_NE(engine, nullptr) << log.dump();
+    EXPECT_TRUE(log.has(spdlog::level::warn,
+                        "Selected processing type: OpenVinoGpuPPGPU failed "
+                        "for some reason, fallback to auto logic"));
+    EXPECT_EQ(typeOf(engine), 3u);
+    destroy(engine);
+    VBG::DestroyVBGMLProcessingInstance();
+    // Asked for another type than auto, no walk: the stored type's status 5 (not supported).
+    EXPECT_EQ(VirtualBackground::createAutoZynNative(blurSettings(3), error, 640, 360), nullptr);
+    EXPECT_EQ(error, 5u);
+    EXPECT_TRUE(log.hasFrom(kAutoFn, "Processing type is not auto!")) << log.dump();
+
+    // Without a model no type works: status 3 (configuration failed).
+    zyn_test::TempDir empty("zyn-no-model");
+    EXPECT_EQ(VirtualBackground::createAutoZynNative(blurSettings(9, empty / "model.winml"), error,
+                                                     640, 360),
+              nullptr);
+    EXPECT_EQ(error, 3u);
+    EXPECT_TRUE(log.hasFrom(kAutoFn, "All processing types exhausted, requires investigation!"));
 }
 
 }  // namespace

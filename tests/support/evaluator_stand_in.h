@@ -1,6 +1,6 @@
 // Helpers of the processing-type evaluation suites: one set of library folders per test process
 // (the stored-selection reader is process-wide and keeps the first cache folder it is given), and
-// stand-in evaluator programs, small shell scripts that record how they were started and then do
+// stand-in evaluator programs, small shell scripts that note their type argument and then do
 // whatever the test asks (exit with a code, sleep, crash).
 #pragma once
 
@@ -12,8 +12,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -25,24 +23,10 @@
 
 namespace zyn_test {
 
-// Single-quoted for the shell.
-inline std::string ShellQuote(const std::string& text) {
-    std::string quoted = "'";
-    for (const char c : text) {
-        if (c == '\'') {
-            quoted += "'\\''";
-        } else {
-            quoted += c;
-        }
-    }
-    return quoted + "'";
-}
-
 inline std::vector<std::string> ReadLines(const std::filesystem::path& path) {
     std::vector<std::string> lines;
     std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
+    for (std::string line; std::getline(in, line);) {
         lines.push_back(line);
     }
     return lines;
@@ -56,30 +40,26 @@ class EvaluationFolders {
         static const EvaluationFolders folders;
         return folders;
     }
-
     std::filesystem::path models() const { return root_.path() / "models dir"; }
     std::filesystem::path logs() const { return root_.path() / "log dir"; }
     std::filesystem::path cache() const { return root_.path() / "cache dir"; }
     std::filesystem::path selectionFile() const { return cache() / "PT_CONFIG.json"; }
 
-    // Stores a selection as the evaluator program writes it.
-    void storeSelection(const std::string& typeName, const std::string& time) const {
+    // Stores a selection as the evaluator program writes it, made `age` ago.
+    void storeSelection(const std::string& typeName, std::chrono::hours age) const {
+        const auto stamp = std::chrono::system_clock::now() - age;
         WriteFile(selectionFile(), "{\"selected_processing_type\": \"" + typeName +
-                                       "\", \"selected_processing_time\": \"" + time + "\"}");
-    }
-    void storeSelectionAged(const std::string& typeName, std::chrono::hours age) const {
-        const auto now = std::chrono::duration_cast<std::chrono::seconds>(
-            std::chrono::system_clock::now().time_since_epoch());
-        const auto stamp = now - std::chrono::duration_cast<std::chrono::seconds>(age);
-        storeSelection(typeName, std::to_string(stamp.count()));
+                                       "\", \"selected_processing_time\": \"" +
+                                       std::to_string(std::chrono::system_clock::to_time_t(stamp)) +
+                                       "\"}");
     }
     void removeSelection() const { std::filesystem::remove(selectionFile()); }
 
   private:
     EvaluationFolders() : root_("zyn-evaluation") {
-        std::filesystem::create_directories(models());
-        std::filesystem::create_directories(logs());
-        std::filesystem::create_directories(cache());
+        for (const auto& folder : {models(), logs(), cache()}) {
+            std::filesystem::create_directories(folder);
+        }
         const std::filesystem::path config = root_.path() / "library.json";
         WriteFile(config, "{\"modelsPath\": \"" + models().string() + "\", \"logPath\": \"" +
                               logs().string() + "\", \"fileCachePath\": \"" + cache().string() +
@@ -93,30 +73,19 @@ class EvaluationFolders {
     TempDir root_;
 };
 
-// A stand-in evaluator: appends its first argument (the type name) to calls.txt and its argument
-// count and arguments to argv.txt, then runs `behaviour`, shell code that sees the usual
-// positional parameters ($1 is the type name).
+// A stand-in evaluator: appends its first argument (the type name) to calls.txt beside it, then
+// runs `behaviour`, shell code that sees the usual positional parameters ($1 is the type name).
 class EvaluatorStandIn {
   public:
     explicit EvaluatorStandIn(const std::string& behaviour) : dir_("zyn-stand-in") {
-        const std::filesystem::path script = dir_.path() / "evaluator";
-        WriteFile(script,
-                  "#!/bin/sh\n"
-                  "printf '%s\\n' \"$1\" >> " +
-                      ShellQuote(callsFile().string()) +
-                      "\n"
-                      "{ printf 'argc=%s\\n' \"$#\"; for a in \"$@\"; do printf "
-                      "'arg=%s\\n' \"$a\"; done; } >> " +
-                      ShellQuote(argvFile().string()) + "\n" + behaviour + "\n");
-        ::chmod(script.c_str(), 0755);
+        WriteFile(program(),
+                  "#!/bin/sh\nprintf '%s\\n' \"$1\" >> \"$(dirname \"$0\")/calls.txt\"\n" +
+                      behaviour + "\n");
+        ::chmod(program().c_str(), 0755);
     }
-
     std::string program() const { return (dir_.path() / "evaluator").string(); }
     std::filesystem::path dir() const { return dir_.path(); }
-    std::filesystem::path callsFile() const { return dir_.path() / "calls.txt"; }
-    std::filesystem::path argvFile() const { return dir_.path() / "argv.txt"; }
-    std::vector<std::string> calls() const { return ReadLines(callsFile()); }
-    std::vector<std::string> argvLines() const { return ReadLines(argvFile()); }
+    std::vector<std::string> calls() const { return ReadLines(dir_.path() / "calls.txt"); }
 
   private:
     TempDir dir_;
@@ -124,28 +93,32 @@ class EvaluatorStandIn {
 
 // Shell code that keeps a stand-in running until the file `release` exists, then runs `then`.
 inline std::string HeldOpenUntil(const std::filesystem::path& release, const std::string& then) {
-    return "while [ ! -e " + ShellQuote(release.string()) + " ]; do sleep 0.01; done\n" + then;
+    return "while [ ! -e '" + release.string() + "' ]; do sleep 0.01; done\n" + then;
 }
 
 inline long CurrentThreadId() {
     return static_cast<long>(::syscall(SYS_gettid));
 }
 
+// State letter of /proc/<stat> ('S' sleeping, 'Z' zombie), or '\0' when it is gone.
+inline char ProcessState(const std::string& stat) {
+    std::ifstream in(stat);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const size_t close = text.rfind(')');
+    return close == std::string::npos || close + 2 >= text.size() ? '\0' : text[close + 2];
+}
+
 // Waits (at most `limit`) until thread `tid` of this process is asleep in the kernel, as a thread
 // blocked in a wait is. False when it did not happen in time.
 inline bool WaitUntilThreadSleeps(long tid, std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-        const std::string text((std::istreambuf_iterator<char>(stat)),
-                               std::istreambuf_iterator<char>());
-        const size_t close = text.rfind(')');
-        if (close != std::string::npos && close + 2 < text.size() && text[close + 2] == 'S') {
-            return true;
+    while (ProcessState("/proc/self/task/" + std::to_string(tid) + "/stat") != 'S') {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    return false;
+    return true;
 }
 
 }  // namespace zyn_test
