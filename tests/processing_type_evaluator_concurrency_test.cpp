@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <ctime>
 #include <future>
 #include <string>
 #include <thread>
@@ -91,7 +92,7 @@ TEST_F(EvaluationWaitTest, OneEvaluationWhoseEndWakesEveryWaiter) {
 TEST_F(EvaluationWaitTest, StartWithAFreshSelectionEndsAtOnceAndALateWaiterReturnsAtOnce) {
     zyn_test::EvaluatorStandIn standIn("exit 0");
     useProgram(standIn.program());
-    folders().storeSelection("OpenVinoCpu", 1h);
+    folders().storeSelection("OpenVinoCpu", std::to_string(std::time(nullptr)));
     ProcessingTypeEvaluator::StartEvaluation();
     ASSERT_TRUE(waitUntilNotRunning());
     EXPECT_TRUE(standIn.calls().empty());

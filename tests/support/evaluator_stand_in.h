@@ -45,13 +45,10 @@ class EvaluationFolders {
     std::filesystem::path cache() const { return root_.path() / "cache dir"; }
     std::filesystem::path selectionFile() const { return cache() / "PT_CONFIG.json"; }
 
-    // Stores a selection as the evaluator program writes it, made `age` ago.
-    void storeSelection(const std::string& typeName, std::chrono::hours age) const {
-        const auto stamp = std::chrono::system_clock::now() - age;
+    // Stores a selection as the evaluator program writes it.
+    void storeSelection(const std::string& typeName, const std::string& time) const {
         WriteFile(selectionFile(), "{\"selected_processing_type\": \"" + typeName +
-                                       "\", \"selected_processing_time\": \"" +
-                                       std::to_string(std::chrono::system_clock::to_time_t(stamp)) +
-                                       "\"}");
+                                       "\", \"selected_processing_time\": \"" + time + "\"}");
     }
     void removeSelection() const { std::filesystem::remove(selectionFile()); }
 
