@@ -211,25 +211,6 @@ TEST(OpenVinoRun, RawByteMaskAndSmoothedPrevMaskFrameAfterFrame) {
     }
 }
 
-TEST(OpenVinoRun, ImageOfAnotherSizeIsBoxScaledToTheModelSize) {
-    OpenVinoProcessing backend(3);
-    ASSERT_TRUE(backend.loadBindModel(TestModel("exact_two_channel.onnx")));
-    // Each 2x2 block of the large image has one colour, so halving it gives the small image.
-    const std::vector<uint8_t> small = PatternImage(kW, kH);
-    std::vector<uint8_t> large(static_cast<size_t>(kW) * kH * 16);
-    for (uint32_t y = 0; y < kH * 2; ++y) {
-        for (uint32_t x = 0; x < kW * 2; ++x) {
-            std::copy_n(&small[((y / 2) * kW + x / 2) * 4], 4, &large[(y * kW * 2 + x) * 4]);
-        }
-    }
-    auto scaled = backend.createState();
-    auto direct = backend.createState();
-    ASSERT_TRUE(backend.runModel(large.data(), kW * 2, kH * 2, scaled.get()));
-    ASSERT_TRUE(backend.runModel(small.data(), kW, kH, direct.get()));
-    EXPECT_TRUE(
-        std::equal(direct->mask.get(), direct->mask.get() + direct->size, scaled->mask.get()));
-}
-
 TEST(OpenVinoRun, UnloadedBackendAndMismatchedStateAreRefusedAndClearKeepsTheModel) {
     zyn_test::LogCapture log;
     const std::vector<uint8_t> image = PatternImage(kW + 1, kH);
@@ -249,49 +230,23 @@ TEST(OpenVinoRun, UnloadedBackendAndMismatchedStateAreRefusedAndClearKeepsTheMod
 
 // ---- GPU lock file
 
-// A logger whose sink notes, for every record, whether the lock file exists at that moment: the
-// backend logs from inside loadModel, so this sees the file as the load sees it.
+// A logger whose sink notes, for every record, the lock file's text at that moment ("" when there
+// is none): the backend logs from inside loadModel, so this sees the file as the load sees it.
 class LockFileProbe : public spdlog::sinks::base_sink<std::mutex> {
   public:
     explicit LockFileProbe(fs::path lockPath) : lockPath_(std::move(lockPath)) {}
-    std::vector<std::pair<std::string, bool>> seen;
+    std::vector<std::pair<std::string, std::string>> seen;
 
   protected:
     void sink_it_(const spdlog::details::log_msg& msg) override {
         seen.emplace_back(std::string(msg.payload.data(), msg.payload.size()),
-                          fs::exists(lockPath_));
+                          fs::exists(lockPath_) ? zyn_test::ReadFile(lockPath_) : "");
     }
     void flush_() override {}
 
   private:
     fs::path lockPath_;
 };
-
-TEST(GpuLockFile, ExistsWithItsTextWhileHeldAndIsRemovedAfter) {
-    zyn_test::TempDir dir("zyn-gpu-lock");
-    ConfigureFileCache(dir, dir.path());
-    const fs::path lockPath = dir / "gpu_lock_file";
-    {
-        auto lock = CreateGpuLockFile();
-        EXPECT_EQ(zyn_test::ReadFile(lockPath), "GPU lock file!\n");
-        EXPECT_EQ(zyn_test::PermissionBits(lockPath), 0600u);
-        // A second lock truncates rather than appends.
-        auto again = CreateGpuLockFile();
-        EXPECT_EQ(zyn_test::ReadFile(lockPath), "GPU lock file!\n");
-    }
-    EXPECT_FALSE(fs::exists(lockPath));
-
-    // A link in its place is not written through.
-    zyn_test::WriteFile(dir / "victim", "keep");
-    fs::create_symlink(dir / "victim", lockPath);
-    { auto lock = CreateGpuLockFile(); }
-    EXPECT_EQ(zyn_test::ReadFile(dir / "victim"), "keep");
-
-    // A cache folder that does not exist: nothing is made and nothing is thrown.
-    ConfigureFileCache(dir, dir / "missing");
-    { auto lock = CreateGpuLockFile(); }
-    EXPECT_FALSE(fs::exists(dir / "missing"));
-}
 
 TEST(GpuLockFile, HeldForTheWholeLoadOfTypeSixOnly) {
     zyn_test::TempDir dir("zyn-gpu-lock");
@@ -307,6 +262,10 @@ TEST(GpuLockFile, HeldForTheWholeLoadOfTypeSixOnly) {
                  {5, TestModel("exact_two_channel.onnx")}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.model + " as type " + std::to_string(c.type));
+        if (c.type == 6) {
+            zyn_test::WriteFile(lockPath,
+                                "a longer text left by an earlier holder\n");  // truncated
+        }
         auto probe = std::make_shared<LockFileProbe>(lockPath);
         auto previous = spdlog::default_logger();
         auto logger = std::make_shared<spdlog::logger>("zyn-lock-probe", probe);
@@ -315,11 +274,20 @@ TEST(GpuLockFile, HeldForTheWholeLoadOfTypeSixOnly) {
         { OpenVinoProcessing(c.type).loadModel(c.model); }
         spdlog::set_default_logger(previous);
         ASSERT_FALSE(probe->seen.empty());
-        for (const auto& [message, present] : probe->seen) {
-            EXPECT_EQ(present, c.type == 6) << message;
+        for (const auto& [message, text] : probe->seen) {
+            EXPECT_EQ(text, c.type == 6 ? "GPU lock file!\n" : "") << message;
         }
         EXPECT_FALSE(fs::exists(lockPath)) << "lock file left behind";
     }
+    // The file is owner-only and never written through a link in its place.
+    {
+        auto lock = CreateGpuLockFile();
+        EXPECT_EQ(zyn_test::PermissionBits(lockPath), 0600u);
+    }
+    zyn_test::WriteFile(dir / "victim", "keep");
+    fs::create_symlink(dir / "victim", lockPath);
+    { auto lock = CreateGpuLockFile(); }
+    EXPECT_EQ(zyn_test::ReadFile(dir / "victim"), "keep");
 }
 
 // ---- CPU plugin configuration
