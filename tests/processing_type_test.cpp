@@ -2,7 +2,6 @@
 // in the file cache folder) with its 720-hour expiry.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -26,12 +25,6 @@ namespace {
 std::string selection(const std::string& type, const std::string& time) {
     return R"({"selected_processing_type": ")" + type + R"(", "selected_processing_time": ")" +
            time + R"("})";
-}
-
-ProcessingTypeDetails storedAt(int64_t seconds) {
-    ProcessingTypeDetails d;
-    d.selectedTime = std::to_string(seconds);
-    return d;
 }
 
 }  // namespace
@@ -60,58 +53,44 @@ TEST(ProcessingTypeNames, NumbersNamesAndTheAutomaticOrder) {
     EXPECT_EQ(order, (std::vector<uint32_t>{6, 8, 4, 3, 2}));
 }
 
-// Whole hours (truncated toward zero) of now - stored; more than 720 is elapsed.
+// Whole hours (truncated toward zero) of now - stored; more than 720 is elapsed. The stored time
+// is read as stoll reads it, and refused with stoll's texts.
 TEST(ProcessingTypeExpiry, SelectionsOlderThan720WholeHoursAreElapsed) {
-    const int64_t now = 1'750'000'000;
     const struct {
-        int64_t stored;
+        const char* stored;
         bool elapsed;
-        const char* logged;  // "now-stored=hours"
+        const char* logged;  // "now-stored=hours", or what is thrown
     } cases[] = {
-        {now - 720 * 3600, false, "1750000000-1747408000=720 hours"},
-        {now - 721 * 3600 + 1, false, "1750000000-1747404401=720 hours"},
-        {now - 721 * 3600, true, "1750000000-1747404400=721 hours"},
-        {now, false, "1750000000-1750000000=0 hours"},
-        {now + 5400, false, "1750000000-1750005400=-1 hours"},
-        {now + 5000 * 3600, false, "1750000000-1768000000=-5000 hours"},
+        {"1747408000", false, "1750000000-1747408000=720 hours"},  // 720 * 3600 s before
+        {"1747404401", false, "1750000000-1747404401=720 hours"},  // 721 hours less a second
+        {"1747404400", true, "1750000000-1747404400=721 hours"},
+        {"  1750000000 seconds", false, "1750000000-1750000000=0 hours"},
+        {"1750005400", false, "1750000000-1750005400=-1 hours"},  // 1.5 hours ahead
+        {"1768000000", false, "1750000000-1768000000=-5000 hours"},
+        // The difference does not overflow: INT64_MAX / 3600 hours.
+        {"-9223372036854775808", true, "1750000000--9223372036854775808=2562047788015215 hours"},
+        {"", false, "invalid stoll argument"},
+        {"yesterday", false, "invalid stoll argument"},
+        {"-99999999999999999999", false, "stoll argument out of range"},
     };
     for (const auto& c : cases) {
         LogCapture log;
-        EXPECT_EQ(storedAt(c.stored).isElapsed(now), c.elapsed) << c.logged;
-        EXPECT_TRUE(log.hasFrom("VBG::ProcessingTypeDetails::isElapsed",
-                                std::string("Current elapsed duration time in seconds since "
-                                            "epoch: ") +
-                                    c.logged))
-            << log.dump();
-    }
-    // Extreme stored values do not overflow the difference.
-    EXPECT_TRUE(storedAt(INT64_MIN).isElapsed(now));
-    EXPECT_FALSE(storedAt(INT64_MAX).isElapsed(-now));
-    // Without a time given, now is the system clock's.
-    const int64_t clock = std::chrono::duration_cast<std::chrono::seconds>(
-                              std::chrono::system_clock::now().time_since_epoch())
-                              .count();
-    EXPECT_TRUE(storedAt(clock - 722 * 3600).isElapsed());
-    EXPECT_FALSE(storedAt(clock - 719 * 3600).isElapsed());
-
-    // The time text is read as stoll reads it, and reported with stoll's texts.
-    ProcessingTypeDetails d;
-    d.selectedTime = "  1750000000 seconds";
-    EXPECT_FALSE(d.isElapsed(now + 3600 * 720));
-    const auto thrown = [&d](const char* text) -> std::string {
-        d.selectedTime = text;
+        ProcessingTypeDetails d;
+        d.selectedTime = c.stored;
         try {
-            d.isElapsed(0);
-        } catch (const std::invalid_argument& e) {
-            return std::string("invalid_argument: ") + e.what();
-        } catch (const std::out_of_range& e) {
-            return std::string("out_of_range: ") + e.what();
+            EXPECT_EQ(d.isElapsed(1'750'000'000), c.elapsed) << c.logged;
+            EXPECT_TRUE(log.hasFrom("VBG::ProcessingTypeDetails::isElapsed",
+                                    std::string("Current elapsed duration time in seconds since "
+                                                "epoch: ") +
+                                        c.logged))
+                << log.dump();
+        } catch (const std::logic_error& e) {
+            EXPECT_STREQ(e.what(), c.logged);
         }
-        return "nothing";
-    };
-    EXPECT_EQ(thrown(""), "invalid_argument: invalid stoll argument");
-    EXPECT_EQ(thrown("yesterday"), "invalid_argument: invalid stoll argument");
-    EXPECT_EQ(thrown("-99999999999999999999"), "out_of_range: stoll argument out of range");
+    }
+    ProcessingTypeDetails d;
+    d.selectedTime = "9223372036854775807";
+    EXPECT_FALSE(d.isElapsed(-1'750'000'000));
 }
 
 class StoredSelection : public ::testing::Test {
@@ -142,11 +121,8 @@ TEST_F(StoredSelection, TypeAndTimeAreReadBackAndNamesOfNoTypeMeanNone) {
                              "selected time: 1700000000"))
         << log_.dump();
 
-    for (const char* name : {"Auto", "Unknown", "openvinocpu"}) {
-        write(selection(name, "1700000000"));
-        EXPECT_EQ(static_cast<uint32_t>(read().type), 9u) << name;
-        EXPECT_FALSE(read().isValid) << name;
-    }
+    write(selection("Unknown", "1700000000"));
+    EXPECT_FALSE(read().isValid);
 }
 
 TEST_F(StoredSelection, AnythingButTwoStringMembersInASmallRegularFileIsNoneWithOneError) {
