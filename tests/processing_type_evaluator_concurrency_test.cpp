@@ -10,8 +10,6 @@
 #include <thread>
 #include <vector>
 
-#include "selection/processing_type_evaluator.h"
-#include "selection/processing_type_evaluator_limits.h"
 #include "support/evaluator_stand_in.h"
 #include "support/log_capture.h"
 
@@ -20,35 +18,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-class EvaluationWaitTest : public ::testing::Test {
-  protected:
-    void SetUp() override { folders().removeSelection(); }
-    void TearDown() override {
-        EXPECT_TRUE(waitUntilNotRunning());  // leave no evaluation behind for the next test
-        VBG::ResetEvaluatorLimitsForTesting();
-        folders().removeSelection();
-    }
-    static const zyn_test::EvaluationFolders& folders() {
-        return zyn_test::EvaluationFolders::Get();
-    }
-    static void useProgram(const std::string& program) {
-        VBG::EvaluatorLimits limits;
-        limits.programPath = program;
-        limits.completionWait = 60s;
-        limits.evaluatorRun = 60s;
-        VBG::SetEvaluatorLimitsForTesting(limits);
-    }
-    static bool waitUntilNotRunning() {
-        const auto deadline = std::chrono::steady_clock::now() + 30s;
-        while (ProcessingTypeEvaluator::IsEvaluationRunning()) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(5ms);
-        }
-        return true;
-    }
-};
+using EvaluationWaitTest = zyn_test::EvaluationTest;
 
 TEST_F(EvaluationWaitTest, OneEvaluationWhoseEndWakesEveryWaiter) {
     zyn_test::TempDir control("zyn-control");
@@ -94,7 +64,7 @@ TEST_F(EvaluationWaitTest, StartWithAFreshSelectionEndsAtOnceAndALateWaiterRetur
     useProgram(standIn.program());
     folders().storeSelection("OpenVinoCpu", std::to_string(std::time(nullptr)));
     ProcessingTypeEvaluator::StartEvaluation();
-    ASSERT_TRUE(waitUntilNotRunning());
+    ASSERT_TRUE(waitForEvaluationEnd());
     EXPECT_TRUE(standIn.calls().empty());
 
     // An automatic create that saw the evaluation running and begins its wait just after the end

@@ -2,8 +2,6 @@
 // which order, with which arguments and streams, and how their ends are read), and the engine
 // factory by processing type with its automatic path (stored selection, waiting for the
 // evaluation, walk of the automatic order).
-#include "selection/processing_type_evaluator.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -21,9 +19,6 @@
 
 #include "config/vbg_settings.h"
 #include "engine/virtual_background_impl_cpu_yuv.h"
-#include "engine/virtual_background_impl_gpu.h"
-#include "ml/vbg_ml_processing.h"
-#include "selection/processing_type_evaluator_limits.h"
 #include "support/evaluator_stand_in.h"
 #include "support/log_capture.h"
 #include "util/text.h"
@@ -52,33 +47,8 @@ std::string StoresType(const std::string& type) {
            type + "\" \"$(date +%s)\" > \"$4/PT_CONFIG.json\"\nexit 0";
 }
 
-class EvaluatorTest : public ::testing::Test {
+class EvaluatorTest : public zyn_test::EvaluationTest {
   protected:
-    void SetUp() override { folders().removeSelection(); }
-    void TearDown() override {
-        waitForEvaluationEnd();
-        VBG::ResetEvaluatorLimitsForTesting();
-        folders().removeSelection();
-        VBG::DestroyVBGMLProcessingInstance();  // one backend per process, of one type
-    }
-    static void waitForEvaluationEnd() {
-        const auto deadline = std::chrono::steady_clock::now() + 30s;
-        while (ProcessingTypeEvaluator::IsEvaluationRunning() &&
-               std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(5ms);
-        }
-    }
-    static const zyn_test::EvaluationFolders& folders() {
-        return zyn_test::EvaluationFolders::Get();
-    }
-    static void useProgram(const std::string& program, std::chrono::milliseconds run = 60s,
-                           std::chrono::milliseconds completionWait = 60s) {
-        VBG::EvaluatorLimits limits;
-        limits.programPath = program;
-        limits.evaluatorRun = run;
-        limits.completionWait = completionWait;
-        VBG::SetEvaluatorLimitsForTesting(limits);
-    }
     static std::string failure(int code, const std::string& type) {
         return "VBG eval failed, process return code: " + std::to_string(code) +
                " for processing type: " + type;
@@ -270,27 +240,6 @@ TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
         std::this_thread::sleep_for(10ms);
     }
     EXPECT_FALSE(childRuns()) << "what the evaluator started still runs";
-}
-
-// The GPU types need a renderer this platform lacks: no engine, status 5 (not supported).
-TEST_F(EvaluatorTest, GpuTypesAreNotSupportedHere) {
-    for (const uint32_t pt : {1u, 4u, 6u, 8u}) {
-        SCOPED_TRACE(pt);
-        LogCapture log;
-        uint32_t error = 0;
-        EXPECT_EQ(VirtualBackground::createZynNative(blurSettings(pt), error, 640, 360), nullptr);
-        EXPECT_EQ(error, 5u);
-        const std::string gpu = "VBG::VirtualBackgroundImplGPU::";
-        EXPECT_EQ(log.hasFrom(gpu + "VirtualBackgroundImplGPU", "WinML GPU processing disabled"),
-                  pt != 1);
-        EXPECT_TRUE(log.hasFrom(gpu + "~VirtualBackgroundImplGPU", "Destroyed. HR:0x80004002"))
-            << log.dump();
-    }
-    // Made directly, the GPU engine refuses its init and every frame.
-    VBG::VirtualBackgroundImplGPU engine(8);
-    EXPECT_EQ(engine.init(blurSettings(8), 640, 360), 1);
-    ZynNativeInputFrame frame{};
-    EXPECT_FALSE(engine.processVideoFrame(&frame, &frame));
 }
 
 // Engines whose init or presenter set-up throws; every destruction is counted.

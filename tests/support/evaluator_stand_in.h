@@ -1,9 +1,10 @@
 // Helpers of the processing-type evaluation suites: one set of library folders per test process
-// (the stored-selection reader is process-wide and keeps the first cache folder it is given), and
-// stand-in evaluator programs, small shell scripts that note their type argument and then do
-// whatever the test asks (exit with a code, sleep, crash).
+// (the stored-selection reader is process-wide and keeps the first cache folder it is given),
+// stand-in evaluator programs (small shell scripts that note their type argument and then do
+// whatever the test asks: exit with a code, sleep, crash), and the suites' fixture.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -18,6 +19,9 @@
 #include <vector>
 
 #include "config/config_parser.h"
+#include "ml/vbg_ml_processing.h"
+#include "selection/processing_type_evaluator.h"
+#include "selection/processing_type_evaluator_limits.h"
 #include "selection/pt_config_init.h"
 #include "support/test_paths.h"
 
@@ -117,5 +121,37 @@ inline bool WaitUntilThreadSleeps(long tid, std::chrono::milliseconds limit) {
     }
     return true;
 }
+
+// Each test starts without a stored selection and leaves no evaluation, limits or backend behind.
+class EvaluationTest : public ::testing::Test {
+  protected:
+    void SetUp() override { folders().removeSelection(); }
+    void TearDown() override {
+        EXPECT_TRUE(waitForEvaluationEnd());
+        VBG::ResetEvaluatorLimitsForTesting();
+        folders().removeSelection();
+        VBG::DestroyVBGMLProcessingInstance();  // one backend per process, of one type
+    }
+    static bool waitForEvaluationEnd() {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (VBG::ProcessingTypeEvaluator::IsEvaluationRunning()) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return true;
+    }
+    static const EvaluationFolders& folders() { return EvaluationFolders::Get(); }
+    static void useProgram(const std::string& program,
+                           std::chrono::milliseconds run = std::chrono::seconds(60),
+                           std::chrono::milliseconds completionWait = std::chrono::seconds(60)) {
+        VBG::EvaluatorLimits limits;
+        limits.programPath = program;
+        limits.evaluatorRun = run;
+        limits.completionWait = completionWait;
+        VBG::SetEvaluatorLimitsForTesting(limits);
+    }
+};
 
 }  // namespace zyn_test
