@@ -1,12 +1,11 @@
 // The inference backends: the shared tables and the one process-wide backend; the ONNX Runtime and
 // OpenVINO backends with exact per-pixel results on small models of known arithmetic, models that
-// do not fit, the OpenVINO model cache; and the real
+// do not fit; and the real
 // segmentation model on a portrait (the mask, its independence of the ONNX Runtime session's
 // threads, and the two backends' agreement).
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -66,24 +65,6 @@ void ExpectSmoothedFrame(const uint8_t* image, const std::vector<float>& prev,
 
 std::vector<float> PrevMask(const VBG::VBGMLState& state) {
     return std::vector<float>(state.prevMask.get(), state.prevMask.get() + state.size);
-}
-
-// What follows `prefix` in the first record that starts with it, or "".
-std::string AfterPrefix(const zyn_test::LogCapture& log, const std::string& prefix) {
-    for (const auto& r : log.records()) {
-        if (r.message.compare(0, prefix.size(), prefix) == 0) {
-            return r.message.substr(prefix.size());
-        }
-    }
-    return {};
-}
-
-std::map<std::string, fs::file_time_type> FilesWithTimes(const fs::path& folder) {
-    std::map<std::string, fs::file_time_type> files;
-    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-        files[entry.path().string()] = entry.last_write_time();
-    }
-    return files;
 }
 
 // A sample picture as B, G, R, A bytes after the ffmpeg filter `filter`.
@@ -221,39 +202,59 @@ TEST(OnnxRuntimeKernels, PlanarInputAndSmoothingByKnownAnswers) {
     }
 }
 
-TEST(OnnxRuntimeLoad, LoadOutcomeByProcessingType) {
+// Loads by backend, processing type and model: the record a load leaves (an error for a refused
+// one) and the model's shape once bound.
+TEST(BackendLoad, OutcomeByBackendTypeAndModel) {
+    const auto devices = ov::Core().get_available_devices();
+    const bool gpu = std::find(devices.begin(), devices.end(), "GPU") != devices.end() ||
+                     std::find(devices.begin(), devices.end(), "GPU.0") != devices.end();
+    const std::string gpuMissing = "Requested processing device GPU or device GPU.0  not found";
+    const std::string exact = TestModel("exact_two_channel.onnx");
     const struct {
+        bool openVino;
         uint32_t type;
+        std::string model;
         bool loads;
-        std::string error;  // the error record of a refused load
-        bool directML;      // looks for the DirectML library
-    } cases[] = {{2, true, "", false},
-                 {8, false, "GPU is not available cannot support onnx DML", true},
-                 {3, false, "Unknown processing type OpenVinoCpu", false},
-                 {9, false, "Unknown processing type Auto", false},
-                 {42, false, "Unknown processing type Unknown", false}};
+        std::string logged;
+    } cases[] = {
+        {false, 2, exact, true, "Binding complete: WxH: 16x8, input: 1,4,8,16, output: 1,2,8,16"},
+        {false, 8, exact, false, "GPU is not available cannot support onnx DML"},
+        {false, 3, exact, false, "Unknown processing type OpenVinoCpu"},
+        {false, 9, exact, false, "Unknown processing type Auto"},
+        {false, 42, exact, false, "Unknown processing type Unknown"},
+        {true, 3, exact, true, " ms and bound to device CPU"},
+        {true, 4, exact, true, " ms and bound to device CPU"},
+        {true, 3, TestModel("three_input_channels.onnx"), true, " ms and bound to device CPU"},
+        {true, 5, exact, false, gpuMissing},
+        {true, 6, exact, false, gpuMissing},
+        {true, 2, exact, false, "Unknown processing type OnnxRuntimeCpu"},
+        {true, 3, TestModel("two_outputs.onnx"), false,
+         "Sample supports models with 1 output only"},
+        {true, 3, "/nonexistent/model.winml", false, "/nonexistent/model.winml"},
+    };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.type);
-        LogCapture log;
-        OnnxRuntimeProcessing backend(c.type);
-        EXPECT_EQ(log.has(spdlog::level::info,
-                          "Unable to load DirectML.dll, error: " + std::to_string(ENOENT)),
-                  c.directML);
-        EXPECT_EQ(backend.loadModel(TestModel("exact_two_channel.onnx")), c.loads) << log.dump();
-        EXPECT_EQ(log.countContaining("Model file loaded in: "), c.loads ? 1u : 0u);
-        if (!c.loads) {
-            EXPECT_TRUE(log.has(spdlog::level::err, c.error)) << log.dump();
-            EXPECT_FALSE(backend.bindModel());
+        SCOPED_TRACE(c.model + (c.openVino ? " on OpenVINO as " : " on ONNX Runtime as ") +
+                     std::to_string(c.type));
+        if (gpu && c.openVino && c.type >= 5) {
             continue;
         }
-        EXPECT_TRUE(log.has(spdlog::level::info, "CPUExecutionProvider"));
-        EXPECT_EQ(backend.modelWidth, 0u);  // known only once bound
-        ASSERT_TRUE(backend.bindModel()) << log.dump();
-        EXPECT_TRUE(log.has(spdlog::level::info,
-                            "Binding complete: WxH: 16x8, input: 1,4,8,16, output: 1,2,8,16"));
-        EXPECT_EQ(backend.modelPixelCount, kW * kH);
-        EXPECT_FALSE(backend.setCachePath("/tmp"));
+        LogCapture log;
+        std::unique_ptr<IVBGMLProcessing> backend;
+        if (c.openVino) {
+            backend = std::make_unique<OpenVinoProcessing>(c.type);
+        } else {
+            backend = std::make_unique<OnnxRuntimeProcessing>(c.type);
+        }
+        EXPECT_EQ(log.has(spdlog::level::info, "Unable to load DirectML.dll, error: 2"),  // ENOENT
+                  c.type == 8);
+        EXPECT_EQ(backend->loadBindModel(c.model), c.loads) << log.dump();
+        EXPECT_EQ(log.countContaining("Model file loaded in: "), c.loads ? 1u : 0u);
+        EXPECT_EQ(log.countAt(c.loads ? spdlog::level::info : spdlog::level::err, c.logged), 1u)
+            << log.dump();
+        EXPECT_EQ(backend->modelWidth, c.loads ? kW : 0u);
+        EXPECT_EQ(backend->modelHeight, c.loads ? kH : 0u);
     }
+    EXPECT_FALSE(OnnxRuntimeProcessing(2).setCachePath("/tmp"));  // it keeps no compiled model
 }
 
 TEST(OnnxRuntimeLoad, ModelsThatDoNotFitAndFramesThatDoNotFitAreRefused) {
@@ -400,90 +401,6 @@ TEST_F(OnnxRuntimeRealModel, MaskIsBitIdenticalToTheParallelSessionWithDefaultPo
         EXPECT_EQ(std::memcmp(prev.data(), state->prevMask.get(), prev.size() * sizeof(float)), 0);
         EXPECT_EQ(std::memcmp(mask.data(), state->mask.get(), mask.size()), 0);
     }
-}
-
-TEST(OpenVinoLoad, OutcomeByTypeAndModel) {
-    const auto devices = ov::Core().get_available_devices();
-    const bool gpu = std::count(devices.begin(), devices.end(), "GPU") +
-                         std::count(devices.begin(), devices.end(), "GPU.0") >
-                     0;
-    const struct {
-        uint32_t type;
-        std::string model;
-        std::string device;  // bound device, "" when the load fails with `error`
-        std::string error;
-        uint32_t inputChannels;
-    } cases[] = {
-        {3, TestModel("exact_two_channel.onnx"), "CPU", "", 4},
-        {4, TestModel("exact_two_channel.onnx"), "CPU", "", 4},
-        {3, TestModel("three_input_channels.onnx"), "CPU", "", 3},
-        {5, TestModel("exact_two_channel.onnx"), "",
-         "Requested processing device GPU or device GPU.0  not found", 0},
-        {6, TestModel("exact_two_channel.onnx"), "",
-         "Requested processing device GPU or device GPU.0  not found", 0},
-        {2, TestModel("exact_two_channel.onnx"), "", "Unknown processing type OnnxRuntimeCpu", 0},
-        {3, TestModel("two_outputs.onnx"), "", "Sample supports models with 1 output only", 0},
-        {3, "/nonexistent/model.winml", "", "/nonexistent/model.winml", 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.model + " as type " + std::to_string(c.type));
-        if (gpu && c.type >= 5) {
-            continue;
-        }
-        zyn_test::LogCapture log;
-        OpenVinoProcessing backend(c.type);
-        EXPECT_EQ(backend.loadBindModel(c.model), !c.device.empty()) << log.dump();
-        EXPECT_EQ(log.countContaining(" ms and bound to device " + c.device),
-                  c.device.empty() ? 0u : 1u);
-        EXPECT_EQ(backend.inputChannels, c.inputChannels);
-        if (!c.error.empty()) {
-            EXPECT_EQ(log.countAt(spdlog::level::err, c.error), 1u) << log.dump();
-            EXPECT_EQ(backend.modelPixelCount, 0u);
-            continue;
-        }
-        EXPECT_TRUE(
-            log.has(spdlog::level::info,
-                    "OpenVino version: " + std::string(ov::get_openvino_version().buildNumber)));
-        EXPECT_NE(AfterPrefix(log, "Available devices: ").find("CPU"), std::string::npos);
-        EXPECT_EQ(backend.modelWidth, kW);
-        EXPECT_EQ(backend.modelHeight, kH);
-        EXPECT_EQ(backend.outputChannels, 2u);
-    }
-}
-
-TEST(OpenVinoCache, FolderPerModelIsMadeFilledAndReused) {
-    zyn_test::TempDir dir("zyn-ov-cache");
-    const fs::path cacheRoot = dir / "not" / "yet" / "there";
-    const fs::path model = dir / "model.winml";
-    fs::copy_file(TestModel("exact_two_channel.onnx"), model);
-    const auto load = [&](uint32_t outputChannels, const fs::path& cache,
-                          const char* warning = nullptr) {
-        zyn_test::LogCapture log;
-        OpenVinoProcessing backend(3);
-        EXPECT_TRUE(backend.setCachePath(cache.string()));
-        EXPECT_TRUE(backend.loadModel(model.string())) << log.dump();
-        EXPECT_EQ(backend.outputChannels, outputChannels);
-        EXPECT_EQ(log.countContaining(" ms and bound to device CPU"), 1u);
-        EXPECT_TRUE(warning == nullptr || log.has(spdlog::level::warn, warning)) << log.dump();
-        const std::string folder = AfterPrefix(log, "Cache dir ");
-        return folder.rfind('/', 0) == 0 ? folder : "";
-    };
-    const std::string first = load(2, cacheRoot);
-    EXPECT_EQ(fs::path(first).parent_path(), cacheRoot / "ov");
-    const auto afterFirst = FilesWithTimes(first);
-    EXPECT_FALSE(afterFirst.empty()) << "the compiled model was not cached";
-    // A cache hit reads the blob; a miss would compile again and rewrite it.
-    EXPECT_EQ(load(2, cacheRoot), first);
-    EXPECT_EQ(FilesWithTimes(first), afterFirst);
-    // Another model under the same name gets a folder of its own.
-    fs::copy_file(TestModel("three_output_channels.onnx"), model,
-                  fs::copy_options::overwrite_existing);
-    const std::string changed = load(3, cacheRoot);
-    EXPECT_NE(changed, "");
-    EXPECT_NE(changed, first);
-    // No usable cache folder: a warning, and the model is still loaded.
-    EXPECT_EQ(load(3, "", "Cache dir not set"), "");
-    EXPECT_EQ(load(3, model, "getCachePath failed, cache dir not set"), "");
 }
 
 // The byte mask is the model's raw person channel (channel 1), the fed-back float mask the
