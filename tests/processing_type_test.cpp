@@ -132,7 +132,6 @@ TEST_F(StoredSelection, AnythingButTwoStringMembersInASmallRegularFileIsNoneWith
         good.substr(0, 60),  // half written
         "[\"OpenVinoCpu\", \"1700000000\"]",
         R"({"selected_processing_type": "OpenVinoCpu"})",
-        R"({"selected_processing_time": "1700000000"})",
         R"({"selected_processing_type": 3, "selected_processing_time": "1700000000"})",
         R"({"selected_processing_type": "OpenVinoCpu", "selected_processing_time": 1700000000})",
         // Nested past 32 levels, or past 64 KiB.
@@ -170,30 +169,4 @@ TEST_F(StoredSelection, AnythingButTwoStringMembersInASmallRegularFileIsNoneWith
     std::filesystem::remove_all(file);
     write(good + std::string(64 * 1024 - good.size(), ' '));  // exactly 64 KiB
     EXPECT_TRUE(read().isValid);
-}
-
-// The process-wide reader: the first call with a folder fixes it; an empty folder (a create
-// before the library configuration was read) fixes nothing and never reads the current folder.
-// Runs before any other call of GetInstance in its process.
-TEST(ProcessingTypeInitializerInstance, FirstFolderWinsForTheWholeProcess) {
-    TempDir first("zyn-pt-first");
-    TempDir second("zyn-pt-second");
-    TempDir current("zyn-pt-current");
-    WriteFile(first / "PT_CONFIG.json", selection("OpenVinoCpu", "10"));
-    WriteFile(second / "PT_CONFIG.json", selection("OnnxRuntimeCpu", "20"));
-    WriteFile(current / "PT_CONFIG.json", selection("OpenVinoCpu", "5"));
-    const std::filesystem::path previous = std::filesystem::current_path();
-    std::filesystem::current_path(current.path());
-    EXPECT_FALSE(
-        ProcessingTypeInitializer::GetInstance("").GetSelectedProcessingTypeDetails().isValid);
-    std::filesystem::current_path(previous);
-
-    ProcessingTypeInitializer& a = ProcessingTypeInitializer::GetInstance(first.str());
-    ProcessingTypeInitializer& b = ProcessingTypeInitializer::GetInstance(second.str());
-    EXPECT_EQ(&a, &b);
-    EXPECT_EQ(b.GetSelectedProcessingTypeDetails().selectedTime, "10");
-    // The file is read as it is now, not as it was at the first call.
-    WriteFile(first / "PT_CONFIG.json", selection("Auto", "30"));
-    EXPECT_FALSE(
-        ProcessingTypeInitializer::GetInstance("").GetSelectedProcessingTypeDetails().isValid);
 }
