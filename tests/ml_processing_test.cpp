@@ -127,9 +127,7 @@ TEST_F(BackendInstance, SharedByTypeRefusedForAnotherAndRemadeAfterDestroy) {
     EXPECT_EQ(log.countContaining("Model file loaded in: "), 1u);
 
     // Another type is refused and the first backend stays usable.
-    const auto other = get(0);
-    EXPECT_FALSE(other.second);
-    EXPECT_EQ(other.first, nullptr);
+    EXPECT_EQ(get(0).first, nullptr);
     EXPECT_TRUE(log.has(spdlog::level::warn,
                         "Processing Type mismatch and hence returning false to fallback"));
     const auto state = first->createState();
@@ -148,24 +146,20 @@ TEST_F(BackendInstance, SharedByTypeRefusedForAnotherAndRemadeAfterDestroy) {
     EXPECT_EQ(log.count("GetVBGMLProcessingInstance create"), 1u);
 }
 
+// Types without a backend (1 needs Direct3D 12, 7 is retired, 9 is never a backend's) leave no
+// instance; a load or bind that fails destroys the half-made one.
 TEST_F(BackendInstance, FailedCreatesLeaveNoInstance) {
-    zyn_test::TempDir dir("zyn-ml");
-    const struct {
-        uint32_t type;
-        std::string model;
-        bool loadFails;  // logs "loadBindModel failed"
-    } cases[] = {{1, TestModel("exact_two_channel.onnx"), false},
-                 {7, TestModel("exact_two_channel.onnx"), false},
-                 {9, TestModel("exact_two_channel.onnx"), false},
-                 {2, (dir / "missing.onnx").string(), true},
-                 {2, TestModel("three_input_channels.onnx"), true}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.model + " as type " + std::to_string(c.type));
+    const std::pair<uint32_t, std::string> cases[] = {{1, "exact_two_channel.onnx"},
+                                                      {7, "exact_two_channel.onnx"},
+                                                      {9, "exact_two_channel.onnx"},
+                                                      {2, "missing.onnx"},
+                                                      {2, "three_input_channels.onnx"}};
+    for (const auto& [type, model] : cases) {
+        SCOPED_TRACE(model + " as type " + std::to_string(type));
         LogCapture log;
-        EXPECT_EQ(get(c.type, c.model).first, nullptr);
-        EXPECT_EQ(log.has(spdlog::level::err, "loadBindModel failed"), c.loadFails) << log.dump();
-        EXPECT_EQ(log.count("GetVBGMLProcessingInstance destroy"), c.loadFails ? 1u : 0u);
-        EXPECT_EQ(log.countContaining("Binding complete: "), 0u);
+        EXPECT_EQ(get(type, TestModel(model)).first, nullptr);
+        EXPECT_EQ(log.count("loadBindModel failed"), type == 2 ? 1u : 0u) << log.dump();
+        EXPECT_EQ(log.count("GetVBGMLProcessingInstance destroy"), type == 2 ? 1u : 0u);
         // Nothing was kept: a supported type is created from scratch, without a mismatch.
         log.clear();
         EXPECT_TRUE(get(2).second) << log.dump();

@@ -2,9 +2,7 @@
 // which order, with which arguments and streams, and how their ends are read), and the engine
 // factory by processing type with its automatic path (stored selection, waiting for the
 // evaluation, walk of the automatic order).
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -167,48 +165,6 @@ TEST_F(EvaluatorTest, LaunchFailureAndLostExitStatus) {
         EXPECT_EQ(log.countAt(spdlog::level::err), c.error.empty() ? 0u : 1u) << log.dump();
         EXPECT_TRUE(c.error.empty() || log.has(spdlog::level::err, c.error)) << log.dump();
     }
-}
-
-TEST_F(EvaluatorTest, EvaluatorGetsFourArgumentsNullStreamsNoHostDescriptorsAndItsOwnSession) {
-    // Everything is read by the shell itself (built-ins and expansions), before any redirection or
-    // child process could change what it sees.
-    EvaluatorStandIn standIn(
-        "s0=$(readlink /proc/$$/fd/0); s1=$(readlink /proc/$$/fd/1); s2=$(readlink "
-        "/proc/$$/fd/2)\n"
-        "leaked=no; [ -e /proc/$$/fd/47 ] && leaked=yes\n"
-        "mask=; while read -r key value; do [ \"$key\" = SigBlk: ] && mask=$value; done < "
-        "/proc/$$/status\n"
-        "read -r stat < /proc/$$/stat\n"
-        "printf '%s\\n' \"$#\" \"$@\" \"$s0\" \"$s1\" \"$s2\" \"$leaked\" \"$mask\" "
-        "\"$(echo $stat | cut -d' ' -f6)\" \"$$\" > \"$(dirname \"$0\")/report.txt\"");
-    useProgram(standIn.program());
-    // A descriptor the host opened without close-on-exec, and a signal it blocks.
-    const int hostFile = ::open("/dev/zero", O_RDONLY);
-    ASSERT_EQ(::dup2(hostFile, 47), 47);
-    sigset_t blocked, previous;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &blocked, &previous);
-    LogCapture log;
-    const int code = ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu);
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    ::close(47);
-    ::close(hostFile);
-
-    ASSERT_EQ(code, 0);
-    // Four double-quoted values separated by single blanks, the model file joined with "/".
-    EXPECT_EQ(ProcessingTypeEvaluator::CommandLine(VBG::PtOpenVinoCpu), commandLine("OpenVinoCpu"));
-    EXPECT_TRUE(
-        log.has(spdlog::level::warn, "Launching VBG eval process, process: " + standIn.program() +
-                                         ", command line: " + commandLine("OpenVinoCpu")));
-    const auto report = zyn_test::ReadLines(standIn.dir() / "report.txt");
-    ASSERT_EQ(report.size(), 12u);
-    EXPECT_EQ(std::vector<std::string>(report.begin(), report.begin() + 10),
-              (std::vector<std::string>{
-                  "4", "OpenVinoCpu", (folders().models() / "model.winml").string(),
-                  folders().logs().string(), folders().cache().string(), "/dev/null", "/dev/null",
-                  "/dev/null", "no", "0000000000000000"}));
-    EXPECT_EQ(report[10], report[11]) << "the evaluator does not lead a session of its own";
 }
 
 TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
