@@ -5,32 +5,28 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <functional>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/test_paths.h"
 #include "support/vbg_library.h"
 #include "zyn_native_vbg.h"
 
-using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 namespace {
 
 // Runs `body` in a forked child with its output kept in `scratch`; the child's exit code is
-// body's result, -1 when it did not end normally within four minutes.
+// body's result, -1 when it did not end normally (an alarm ends it after four minutes).
 int RunInChild(const std::function<int()>& body, const fs::path& scratch, std::string& output) {
     const fs::path file = scratch / "child-output.txt";
     std::fflush(nullptr);
@@ -39,19 +35,13 @@ int RunInChild(const std::function<int()>& body, const fs::path& scratch, std::s
         const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         dup2(fd, STDOUT_FILENO);
         dup2(fd, STDERR_FILENO);
+        alarm(240);
         const int code = body();
         std::fflush(nullptr);
         _exit(code);
     }
-    const auto deadline = std::chrono::steady_clock::now() + 240s;
     int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(10ms);
-    }
-    if (std::chrono::steady_clock::now() >= deadline) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-    }
+    waitpid(pid, &status, 0);
     output = zyn_test::ReadFile(file);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
