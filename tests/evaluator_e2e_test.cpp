@@ -1,7 +1,5 @@
-// The processing-type selection end to end: the real evaluator program on the real model, and the
-// built library reached only through its exports. The library keeps process-wide state (one
-// initialisation, one evaluation thread, one inference backend), so every library start runs in a
-// child process of its own.
+// The selection end to end: the real evaluator program on the real model, and the built library
+// through its exports, each library start in a child process (the library's state is per process).
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,22 +1,18 @@
-// The processing-type evaluation with stand-in evaluator programs (which programs are started, in
-// which order, with which arguments and streams, and how their ends are read), and the engine
-// factory by processing type with its automatic path (stored selection, waiting for the
-// evaluation, walk of the automatic order).
+// The processing-type evaluation with stand-in evaluator programs (which are started, in which
+// order, and how their ends are read), and the automatic create that uses its selection.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "config/vbg_settings.h"
-#include "engine/virtual_background_impl_cpu_yuv.h"
+#include "engine/virtual_background.h"
 #include "support/evaluator_stand_in.h"
 #include "support/log_capture.h"
 #include "util/text.h"
@@ -196,57 +192,6 @@ TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
         std::this_thread::sleep_for(10ms);
     }
     EXPECT_FALSE(childRuns()) << "what the evaluator started still runs";
-}
-
-// Engines whose init or presenter set-up throws; every destruction is counted.
-std::atomic<int> throwingEnginesDestroyed{0};
-std::atomic<bool> throwInInit{false};
-
-class ThrowingEngine : public VBG::VirtualBackgroundImplYuv {
-  public:
-    using VirtualBackgroundImplYuv::VirtualBackgroundImplYuv;
-    ~ThrowingEngine() override { throwingEnginesDestroyed.fetch_add(1); }
-    int init(const VBGSettings&, uint32_t, uint32_t) override {
-        if (throwInInit.load()) {
-            throw std::runtime_error("init threw");
-        }
-        return 0;
-    }
-    bool updateWeatherman(const ZynNativeWeathermanSettings&) override {
-        throw std::runtime_error("presenter set-up threw");
-    }
-};
-
-// Through the create export: status 0 and no instance when the automatic create finds nothing (no
-// selection, no evaluation), status 3 and the engine freed when a create throws; the handle is
-// left null either way, also when a presenter layout would have been set up.
-TEST_F(EvaluatorTest, CreateExportLeavesTheHandleNullWhenNoEngineIsMade) {
-    VirtualBackground::SetEngineMakerForTesting(
-        [](uint32_t pt) -> VirtualBackground* { return new ThrowingEngine(pt); });
-    for (const int mode : {3, 2}) {
-        for (const bool presenter : {false, true}) {
-            SCOPED_TRACE(std::to_string(mode) + (presenter ? " with presenter" : ""));
-            const std::string json =
-                R"({"processingMode": )" + std::to_string(mode) + R"(, "effects": [)" +
-                (presenter ? R"({"name": "weatherman", "mode": "overlay", "weathermanAlpha": )"
-                             R"("0.9", "weathermanSize": "0.5", "weathermanOffsetX": "0.25", )"
-                             R"("weathermanOffsetY": "0"}]})"
-                           : R"({"name": "blur"}]})");
-            throwInInit = !presenter;
-            throwingEnginesDestroyed = 0;
-            LogCapture log;
-            ZynNativeHandle handle = reinterpret_cast<ZynNativeHandle>(0x1);
-            EXPECT_EQ(ZynNativeVideoProcessingCreateInstance(json.c_str(), &handle),
-                      mode == 3 ? 0u : 3u);
-            EXPECT_EQ(handle, nullptr);
-            EXPECT_EQ(throwingEnginesDestroyed.load(), mode == 3 ? 0 : 1);
-            EXPECT_TRUE(log.has(spdlog::level::err, mode == 3   ? "createAutoZynNative failed"
-                                                    : presenter ? "presenter set-up threw"
-                                                                : "init threw"))
-                << log.dump();
-        }
-    }
-    VirtualBackground::SetEngineMakerForTesting(nullptr);
 }
 
 // The automatic create: the stored type if it works, else (for auto only) the first type of the

@@ -1,7 +1,6 @@
-// Helpers of the processing-type evaluation suites: one set of library folders per test process
-// (the stored-selection reader is process-wide and keeps the first cache folder it is given),
-// stand-in evaluator programs (small shell scripts that note their type argument and then do
-// whatever the test asks: exit with a code, sleep, crash), and the suites' fixture.
+// The evaluation suites' folders (one set per process: the stored-selection reader keeps the first
+// cache folder it is given), stand-in evaluator programs (shell scripts that note their type
+// argument and do what the test asks) and fixture.
 #pragma once
 
 #include <gtest/gtest.h>
