@@ -1,301 +1,167 @@
-// The processing-type evaluation with stand-in evaluator programs: which programs are started, in
-// which order, with which arguments and streams, and how their ends are read.
-#include "selection/processing_type_evaluator.h"
-
-#include <fcntl.h>
+// The processing-type evaluation with stand-in evaluator programs (which are started, in which
+// order, and how their ends are read), and the automatic create that uses its selection.
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <signal.h>
-#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <fstream>
-#include <functional>
-#include <iterator>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "selection/processing_type_evaluator_limits.h"
+#include "config/vbg_settings.h"
+#include "engine/virtual_background.h"
 #include "support/evaluator_stand_in.h"
 #include "support/log_capture.h"
+#include "util/text.h"
+#include "zyn_native_vbg.h"
 
 using VBG::ProcessingTypeEvaluator;
-using zyn_test::EvaluationFolders;
+using VBG::VirtualBackground;
 using zyn_test::EvaluatorStandIn;
 using zyn_test::LogCapture;
 using namespace std::chrono_literals;
 
 namespace {
 
-const std::vector<std::string> kAutomaticOrderNames = {
-    "OpenVinoGpuPPGPU", "OnnxRuntimeDMLPPGPU", "OpenVinoCpuPPGPU", "OpenVinoCpu", "OnnxRuntimeCpu"};
+const std::vector<std::string> kOrder = {"OpenVinoGpuPPGPU", "OnnxRuntimeDMLPPGPU",
+                                         "OpenVinoCpuPPGPU", "OpenVinoCpu", "OnnxRuntimeCpu"};
+constexpr const char* kAutoFn = "VBG::VirtualBackground::createAutoZynNative";
+// Seconds since the epoch `age` ago, as the evaluator program stores them.
+std::string Ago(std::chrono::hours age) {
+    return std::to_string(
+        std::chrono::system_clock::to_time_t(std::chrono::system_clock::now() - age));
+}
+// Shell code of a stand-in that works: it stores `type` as the selection, as the program does.
+std::string StoresType(const std::string& type) {
+    return "printf '{\"selected_processing_type\": \"%s\", \"selected_processing_time\": "
+           "\"%s\"}' \"" +
+           type + "\" \"$(date +%s)\" > \"$4/PT_CONFIG.json\"\nexit 0";
+}
 
-class EvaluatorTest : public ::testing::Test {
+class EvaluatorTest : public zyn_test::EvaluationTest {
   protected:
-    void SetUp() override { folders().removeSelection(); }
-    void TearDown() override {
-        VBG::ResetEvaluatorLimitsForTesting();
-        folders().removeSelection();
-    }
-
-    static const EvaluationFolders& folders() { return EvaluationFolders::Get(); }
-
-    static void useProgram(const std::string& program,
-                           std::chrono::milliseconds evaluatorRun = 60s) {
-        VBG::EvaluatorLimits limits;
-        limits.programPath = program;
-        limits.evaluatorRun = evaluatorRun;
-        VBG::SetEvaluatorLimitsForTesting(limits);
-    }
-
-    static std::string failureMessage(int code, const std::string& type) {
+    static std::string failure(int code, const std::string& type) {
         return "VBG eval failed, process return code: " + std::to_string(code) +
                " for processing type: " + type;
     }
-
-    static std::string quotedCommandLine(const std::string& type) {
+    static std::string commandLine(const std::string& type) {
         return "\"" + type + "\" \"" + folders().models().string() + "/model.winml\" \"" +
                folders().logs().string() + "\" \"" + folders().cache().string() + "\"";
     }
+    static VBGSettings blurSettings(
+        uint32_t pt, const std::filesystem::path& models = zyn_test::RealModelsDir()) {
+        VBGSettings settings = VBG::DefaultVBGSettings();
+        settings.pt = pt;
+        settings.bt = VBG::BtBlur;
+        settings.blurAlgo = 1;
+        settings.effects = ZYN_EFFECT_BACKGROUND;
+        const std::pair<char16_t*, std::filesystem::path> paths[] = {
+            {settings.modelFilePath, models / "model.winml"},
+            {settings.logDirectory, folders().logs()},
+            {settings.fileCachePath, folders().cache()}};
+        for (const auto& [field, path] : paths) {
+            VBG::Text::CopyToField(field, ZYN_PATH_CHARS, path.string(), ZYN_PATH_CHARS - 1);
+        }
+        return settings;
+    }
+    static uint32_t typeOf(VirtualBackground* engine) {
+        uint32_t type = 99;
+        engine->getFrameProcessingStats(nullptr, nullptr, &type);
+        return type;
+    }
+    static void destroy(VirtualBackground* engine) {
+        if (engine != nullptr) {
+            engine->shutdown();
+            delete engine;
+        }
+    }
 };
 
-// ---- Whether the evaluation runs at all -----------------------------------------------------
-
-TEST_F(EvaluatorTest, FreshSelectionStartsNoProcess) {
-    EvaluatorStandIn standIn("exit 0");
-    useProgram(standIn.program());
-    // A fresh selection is used whatever it names, even a type that is not known.
-    for (const std::string name : {"OnnxRuntimeCpu", "NoSuchType"}) {
-        SCOPED_TRACE(name);
-        folders().storeSelectionAged(name, 720h);
-        LogCapture log;
-        ProcessingTypeEvaluator::EvaluateInternal();
-        EXPECT_TRUE(standIn.calls().empty());
-        EXPECT_EQ(log.countContaining("Launching VBG eval process"), 0u) << log.dump();
-        EXPECT_FALSE(ProcessingTypeEvaluator::IsEvaluationRunning());
-    }
-}
-
-TEST_F(EvaluatorTest, MissingExpiredOrUnreadableSelectionRunsTheFirstTypeAndStopsAtSuccess) {
-    struct Case {
-        const char* what;
-        std::function<void()> prepare;
-    };
-    const std::vector<Case> cases = {
-        {"missing", [] { folders().removeSelection(); }},
-        {"expired", [] { folders().storeSelectionAged("OnnxRuntimeCpu", 721h); }},
-        {"unreadable time", [] { folders().storeSelection("OnnxRuntimeCpu", "soon"); }},
-        {"not JSON", [] { zyn_test::WriteFile(folders().selectionFile(), "{\"selected"); }},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        EvaluatorStandIn standIn("exit 0");
-        useProgram(standIn.program());
-        c.prepare();
-        LogCapture log;
-        ProcessingTypeEvaluator::EvaluateInternal();
-        EXPECT_EQ(standIn.calls(), std::vector<std::string>{"OpenVinoGpuPPGPU"});
-        EXPECT_EQ(log.countContaining("VBG eval failed"), 0u) << log.dump();
-        EXPECT_FALSE(ProcessingTypeEvaluator::IsEvaluationRunning());
-    }
-}
-
-// ---- The walk through the automatic order ---------------------------------------------------
-
-TEST_F(EvaluatorTest, EveryTypeFailingStartsFiveProcessesInOrderAndLogsEachFailure) {
-    EvaluatorStandIn standIn("exit 1");
-    useProgram(standIn.program());
-    LogCapture log;
-    ProcessingTypeEvaluator::EvaluateInternal();
-
-    EXPECT_EQ(standIn.calls(), kAutomaticOrderNames);
-    for (const std::string& type : kAutomaticOrderNames) {
-        EXPECT_TRUE(log.has(spdlog::level::err, failureMessage(1, type))) << type << log.dump();
-    }
-    EXPECT_EQ(log.countContaining(" for processing type: "), 5u);
-    EXPECT_TRUE(log.has(spdlog::level::err, "VBG eval failed, process return code: 1"));
-    EXPECT_EQ(log.countContaining("Launching VBG eval process"), 5u);
-    EXPECT_FALSE(ProcessingTypeEvaluator::IsEvaluationRunning());
-}
-
-TEST_F(EvaluatorTest, WalkStopsAtTheFirstTypeThatWorks) {
-    // Only OpenVinoCpu works; the last code before it is what each failure reports.
-    EvaluatorStandIn standIn("[ \"$1\" = OpenVinoCpu ] && exit 0\nexit 3");
-    useProgram(standIn.program());
-    LogCapture log;
-    ProcessingTypeEvaluator::EvaluateInternal();
-
-    EXPECT_EQ(standIn.calls(), std::vector<std::string>(kAutomaticOrderNames.begin(),
-                                                        kAutomaticOrderNames.begin() + 4));
-    EXPECT_EQ(log.countContaining(" for processing type: "), 3u) << log.dump();
-    EXPECT_TRUE(log.contains(failureMessage(3, "OpenVinoCpuPPGPU")));
-    EXPECT_EQ(log.count("VBG eval failed, process return code: 3"), 0u);
-}
-
-TEST_F(EvaluatorTest, CrashingEvaluatorCountsAsFailedType) {
-    EvaluatorStandIn standIn("[ \"$1\" = OpenVinoGpuPPGPU ] && kill -SEGV $$\nexit 0");
-    useProgram(standIn.program());
-    LogCapture log;
-    ProcessingTypeEvaluator::EvaluateInternal();
-
-    EXPECT_EQ(standIn.calls(),
-              (std::vector<std::string>{"OpenVinoGpuPPGPU", "OnnxRuntimeDMLPPGPU"}));
-    EXPECT_TRUE(log.has(spdlog::level::err, failureMessage(128 + SIGSEGV, "OpenVinoGpuPPGPU")))
-        << log.dump();
-}
-
-TEST_F(EvaluatorTest, MissingEvaluatorFailsEveryTypeWithLaunchFailure) {
-    zyn_test::TempDir empty("zyn-no-evaluator");
-    const std::string program = (empty.path() / "EvalVBGProcessingType").string();
-    useProgram(program);
-    LogCapture log;
-    ProcessingTypeEvaluator::EvaluateInternal();
-
-    for (const std::string& type : kAutomaticOrderNames) {
-        EXPECT_TRUE(log.has(spdlog::level::err, failureMessage(-3, type))) << type;
-        EXPECT_TRUE(log.has(spdlog::level::err,
-                            "VBG eval process launch failed, error code: 2, process: " + program +
-                                ", command line: " + quotedCommandLine(type)))
-            << log.dump();
-    }
-    EXPECT_TRUE(log.has(spdlog::level::err, "VBG eval failed, process return code: -3"));
-    EXPECT_FALSE(std::filesystem::exists(folders().selectionFile()));
-}
-
-// ---- One evaluator process ------------------------------------------------------------------
-
-TEST_F(EvaluatorTest, CommandLineRecordAndArgumentsCarryTheFourValues) {
-    EvaluatorStandIn standIn("exit 0");
-    useProgram(standIn.program());
-    LogCapture log;
-    EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu), 0);
-
-    // Four double-quoted values separated by single blanks, the model file joined with "/".
-    const std::string commandLine = "\"OpenVinoCpu\" \"" + folders().models().string() +
-                                    "/model.winml\" \"" + folders().logs().string() + "\" \"" +
-                                    folders().cache().string() + "\"";
-    EXPECT_EQ(ProcessingTypeEvaluator::CommandLine(VBG::PtOpenVinoCpu), commandLine);
-    EXPECT_TRUE(
-        log.has(spdlog::level::warn, "Launching VBG eval process, process: " + standIn.program() +
-                                         ", command line: " + commandLine))
-        << log.dump();
-    EXPECT_EQ(
-        standIn.argvLines(),
-        (std::vector<std::string>{
-            "argc=4", "arg=OpenVinoCpu", "arg=" + (folders().models() / "model.winml").string(),
-            "arg=" + folders().logs().string(), "arg=" + folders().cache().string()}));
-}
-
-TEST_F(EvaluatorTest, EvaluatorGetsNullStreamsNoHostDescriptorsNoBlockedSignalsAndItsOwnSession) {
-    // Everything is read by the shell itself (built-ins and expansions), before any redirection or
-    // child process could change what it sees.
-    EvaluatorStandIn standIn(
-        "out=\"$(dirname \"$0\")\"\n"
-        "s0=$(readlink /proc/$$/fd/0); s1=$(readlink /proc/$$/fd/1); s2=$(readlink "
-        "/proc/$$/fd/2)\n"
-        "leaked=no; [ -e /proc/$$/fd/47 ] && leaked=yes\n"
-        "mask=; while read -r key value; do [ \"$key\" = SigBlk: ] && mask=$value; done < "
-        "/proc/$$/status\n"
-        "read -r stat < /proc/$$/stat; set -- $stat\n"
-        "printf '%s\\n' \"$s0\" \"$s1\" \"$s2\" \"$leaked\" \"$mask\" \"$6\" \"$$\" > "
-        "\"$out/report.txt\"\n"
-        "exit 0");
-    useProgram(standIn.program());
-
-    // A descriptor the host opened without close-on-exec, and a signal it blocks.
-    const int hostFile = ::open("/dev/zero", O_RDONLY);
-    ASSERT_GE(hostFile, 0);
-    ASSERT_EQ(::dup2(hostFile, 47), 47);
-    sigset_t blocked, previous;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &blocked, &previous);
-
-    const int code = ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOnnxRuntimeCpu);
-
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    ::close(47);
-    ::close(hostFile);
-
-    ASSERT_EQ(code, 0);
-    const std::vector<std::string> report = zyn_test::ReadLines(standIn.dir() / "report.txt");
-    ASSERT_EQ(report.size(), 7u);
-    EXPECT_EQ(report[0], "/dev/null");
-    EXPECT_EQ(report[1], "/dev/null");
-    EXPECT_EQ(report[2], "/dev/null");
-    EXPECT_EQ(report[3], "no") << "a descriptor of the host reached the evaluator";
-    EXPECT_EQ(report[4], "0000000000000000") << "signals blocked in the evaluator";
-    EXPECT_EQ(report[5], report[6]) << "the evaluator does not lead a session of its own";
-}
-
-TEST_F(EvaluatorTest, ExitStatusIsTheResultAndASignalCountsAs128Plus) {
-    EvaluatorStandIn exits("exit 42");
-    useProgram(exits.program());
-    EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOnnxRuntimeCpu), 42);
-
-    EvaluatorStandIn aborts("kill -ABRT $$");
-    useProgram(aborts.program());
-    EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOnnxRuntimeCpu), 128 + SIGABRT);
-}
-
-TEST_F(EvaluatorTest, ProgramThatCannotBeExecutedIsALaunchFailure) {
-    zyn_test::TempDir dir("zyn-not-executable");
-    const std::filesystem::path program = dir.path() / "EvalVBGProcessingType";
-    zyn_test::WriteFile(program, "#!/bin/sh\nexit 0\n");
-    ::chmod(program.c_str(), 0644);
-    useProgram(program.string());
-    LogCapture log;
-    EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu),
-              ProcessingTypeEvaluator::kLaunchFailed);
-    EXPECT_TRUE(log.has(spdlog::level::err,
-                        "VBG eval process launch failed, error code: " + std::to_string(EACCES) +
-                            ", process: " + program.string() +
-                            ", command line: " + quotedCommandLine("OpenVinoCpu")))
-        << log.dump();
-}
-
-TEST_F(EvaluatorTest, HostThatIgnoresChildSignalsGetsTheResultFromTheStoredSelection) {
-    // With SIGCHLD ignored the system reaps children itself and their status cannot be read: an
-    // evaluator that stored its type worked, one that did not failed.
-    struct sigaction ignore {};
-    struct sigaction previous {};
-    ignore.sa_handler = SIG_IGN;
-    sigemptyset(&ignore.sa_mask);
+// Only a fresh selection (of whatever name) saves the evaluation. The walk through the order stops
+// at the first type that works; each failing type is logged with its evaluator's result: the exit
+// code, 128 + the signal that ended it, or -4 for one still running at the deadline (killed).
+TEST_F(EvaluatorTest, WalkThroughTheOrderUntilATypeWorks) {
     const struct {
-        const char* behaviour;
+        std::string stored;  // the stored selection's type and time, "" for none
+        std::string behaviour;
+        size_t calls;
+        int firstCode;
+    } cases[] = {
+        {"OnnxRuntimeCpu " + Ago(719h), "exit 0", 0, 0},
+        {"NoSuchType " + Ago(1h), "exit 0", 0, 0},
+        {"OnnxRuntimeCpu " + Ago(721h), "exit 0", 1, 0},
+        {"OnnxRuntimeCpu soon", "exit 0", 1, 0},
+        {"", "exit 42", 5, 42},
+        {"", "[ \"$1\" = OpenVinoCpu ] && exit 0\nkill -ABRT $$", 4, 128 + 6},
+        {"", "[ \"$1\" = OpenVinoGpuPPGPU ] && kill -SEGV $$\nexit 0", 2, 128 + 11},
+        {"", "[ \"$1\" = OpenVinoGpuPPGPU ] && exec sleep 60\nexit 0", 2, -4},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.stored + " " + c.behaviour);
+        folders().removeSelection();
+        if (!c.stored.empty()) {
+            folders().storeSelection(c.stored.substr(0, c.stored.find(' ')),
+                                     c.stored.substr(c.stored.find(' ') + 1));
+        }
+        EvaluatorStandIn standIn(c.behaviour);
+        useProgram(standIn.program(), 300ms);
+        LogCapture log;
+        ProcessingTypeEvaluator::EvaluateInternal();
+        EXPECT_FALSE(ProcessingTypeEvaluator::IsEvaluationRunning());
+        EXPECT_EQ(standIn.calls(),
+                  std::vector<std::string>(kOrder.begin(), kOrder.begin() + c.calls));
+        EXPECT_EQ(log.countContaining("Launching VBG eval process"), c.calls);
+        const bool allFail = c.calls == 5;
+        EXPECT_EQ(log.countContaining(" for processing type: "),
+                  allFail ? 5 : std::max(c.calls, size_t{1}) - 1);
+        EXPECT_TRUE(c.calls < 2 || log.has(spdlog::level::err, failure(c.firstCode, kOrder[0])))
+            << log.dump();
+        EXPECT_EQ(log.count("VBG eval failed, process return code: " + std::to_string(c.firstCode)),
+                  allFail ? 1u : 0u);
+    }
+}
+
+// -3 (launch failed) for a program that cannot be started, and for an evaluator whose status
+// was reaped by the system (a host that ignores SIGCHLD) unless it stored its type.
+TEST_F(EvaluatorTest, LaunchFailureAndLostExitStatus) {
+    zyn_test::TempDir dir("zyn-no-evaluator");
+    const std::string missing = (dir / "EvalVBGProcessingType").string();
+    const std::string launchFailed = "VBG eval process launch failed, error code: ";
+    const std::string line = ", command line: " + commandLine("OpenVinoCpu");
+    const struct {
+        std::string behaviour;  // "" for a program that does not exist, "-x" for one not executable
+        bool ignoreChildren;
         int code;
-    } cases[] = {{"exit 0", ProcessingTypeEvaluator::kLaunchFailed},
-                 {"printf '{\"selected_processing_type\": \"%s\", \"selected_processing_time\": "
-                  "\"%s\"}' \"$1\" \"$(date +%s)\" > \"$4/PT_CONFIG.json\"\nexit 0",
-                  0}};
+        std::string error;
+    } cases[] = {
+        {"", false, -3, launchFailed + "2, process: " + missing + line},     // ENOENT
+        {"-x", false, -3, launchFailed + "13, process: " + missing + line},  // EACCES
+        {"exit 0", true, -3, "GetExitCodeProcess failed: error code: 10"},   // ECHILD
+        {StoresType("$1"), true, 0, ""},
+    };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.behaviour);
         folders().removeSelection();
         EvaluatorStandIn standIn(c.behaviour);
-        useProgram(standIn.program());
+        useProgram(c.behaviour.empty() || c.behaviour == "-x" ? missing : standIn.program());
+        if (c.behaviour == "-x") {
+            zyn_test::WriteFile(missing, "#!/bin/sh\nexit 0\n");
+            ::chmod(missing.c_str(), 0644);
+        }
+        struct sigaction ignore {};
+        struct sigaction previous {};
+        ignore.sa_handler = c.ignoreChildren ? SIG_IGN : SIG_DFL;
         ASSERT_EQ(::sigaction(SIGCHLD, &ignore, &previous), 0);
         LogCapture log;
-        const int code = ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu);
+        EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu), c.code);
         ::sigaction(SIGCHLD, &previous, nullptr);
-
-        EXPECT_EQ(code, c.code);
-        EXPECT_EQ(log.has(spdlog::level::err,
-                          "GetExitCodeProcess failed: error code: " + std::to_string(ECHILD)),
-                  c.code != 0)
-            << log.dump();
-        EXPECT_EQ(standIn.calls(), std::vector<std::string>{"OpenVinoCpu"});
+        EXPECT_EQ(log.countAt(spdlog::level::err), c.error.empty() ? 0u : 1u) << log.dump();
+        EXPECT_TRUE(c.error.empty() || log.has(spdlog::level::err, c.error)) << log.dump();
     }
 }
-
-namespace {
-char processState(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    const size_t close = text.rfind(')');
-    return close == std::string::npos || close + 2 >= text.size() ? '\0' : text[close + 2];
-}
-}  // namespace
 
 TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
     EvaluatorStandIn standIn(
@@ -304,26 +170,21 @@ TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
     useProgram(standIn.program(), 300ms);
     LogCapture log;
     const auto start = std::chrono::steady_clock::now();
-    const int code = ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu);
+    EXPECT_EQ(ProcessingTypeEvaluator::LaunchEvaluator(VBG::PtOpenVinoCpu), -4);
     const auto waited = std::chrono::steady_clock::now() - start;
-
-    EXPECT_EQ(code, ProcessingTypeEvaluator::kStillRunning);
     EXPECT_GE(waited, 300ms);
     EXPECT_LT(waited, 10s);
     EXPECT_TRUE(log.has(spdlog::level::err,
                         "VBG eval process is still running, possible race condition or deadlock"))
         << log.dump();
-
     // The evaluator is gone and reaped; what it started runs no more (it may wait as a zombie
     // for whichever process adopted it).
-    const std::vector<std::string> pid = zyn_test::ReadLines(standIn.dir() / "pid.txt");
-    const std::vector<std::string> child = zyn_test::ReadLines(standIn.dir() / "child.txt");
-    ASSERT_EQ(pid.size(), 1u);
-    ASSERT_EQ(child.size(), 1u);
-    EXPECT_EQ(processState(std::stoi(pid[0])), '\0') << "evaluator process was not reaped";
-    const pid_t childPid = std::stoi(child[0]);
-    const auto childRuns = [childPid] {
-        const char state = processState(childPid);
+    const auto pid = zyn_test::ReadLines(standIn.dir() / "pid.txt");
+    const auto child = zyn_test::ReadLines(standIn.dir() / "child.txt");
+    ASSERT_EQ(pid.size() + child.size(), 2u);
+    EXPECT_EQ(zyn_test::ProcessState("/proc/" + pid[0] + "/stat"), '\0') << "not reaped";
+    const auto childRuns = [&] {
+        const char state = zyn_test::ProcessState("/proc/" + child[0] + "/stat");
         return state != '\0' && state != 'Z';
     };
     const auto deadline = std::chrono::steady_clock::now() + 5s;
@@ -331,26 +192,76 @@ TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
         std::this_thread::sleep_for(10ms);
     }
     EXPECT_FALSE(childRuns()) << "what the evaluator started still runs";
-    if (childRuns()) {
-        ::kill(childPid, SIGKILL);
-    }
 }
 
-TEST_F(EvaluatorTest, HungEvaluatorCountsAsFailedAndTheNextTypeIsTried) {
-    EvaluatorStandIn standIn(
-        "if [ \"$1\" = OpenVinoGpuPPGPU ]; then echo $$ > \"$(dirname \"$0\")/pid.txt\"; exec "
-        "sleep 60; fi\nexit 0");
-    useProgram(standIn.program(), 200ms);
-    LogCapture log;
-    ProcessingTypeEvaluator::EvaluateInternal();
-
-    const std::vector<std::string> pidLines = zyn_test::ReadLines(standIn.dir() / "pid.txt");
-    if (!pidLines.empty()) {
-        ::kill(std::stoi(pidLines[0]), SIGKILL);
+// The automatic create: the stored type if it works, else (for auto only) the first type of the
+// order that works, 3 here; while an evaluation runs it waits for it on a thread of its own, and
+// the stand-in evaluator ends only once that thread is blocked in the wait.
+TEST_F(EvaluatorTest, AutomaticCreateUsesTheSelectionOrWalksTheOrder) {
+    zyn_test::TempDir empty("zyn-no-model");
+    const std::string failed = " failed for some reason, fallback to auto logic";
+    const struct {
+        std::string stored;     // the selection stored before the create, "" for none
+        std::string evaluator;  // the running evaluation's stand-in, "" for none
+        uint32_t pt;
+        bool model;
+        uint32_t type;   // of the engine made, 99 for none
+        uint32_t error;  // the status of the last create that failed on the way
+        std::string logged;
+    } cases[] = {
+        {"", StoresType("OnnxRuntimeCpu"), 9, true, 2, 0,
+         "Selected processing type: OnnxRuntimeCpu"},
+        {"", "exit 1", 9, true, 3, 5, "Selected processing type is auto, fallback to auto logic"},
+        {"", "exit 1", 9, true, 99, 0, "Evaluation process is taking too much time to complete"},
+        {"", "", 9, true, 99, 0,
+         "Process Evaluation is not initialised and not running, possibly no processing types "
+         "are supported"},
+        {"OpenVinoGpuPPGPU", "", 9, true, 3, 5,
+         "Selected processing type: OpenVinoGpuPPGPU" + failed},
+        {"OpenVinoGpuPPGPU", "", 3, true, 99, 5, "Processing type is not auto!"},
+        {"OnnxRuntimeCpu", "", 9, false, 99, 3,
+         "All processing types exhausted, requires investigation!"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.logged);
+        folders().removeSelection();
+        if (!c.stored.empty()) {
+            folders().storeSelection(c.stored, Ago(1h));
+        }
+        zyn_test::TempDir control("zyn-control");
+        const std::filesystem::path release = control / "release";
+        EvaluatorStandIn standIn(zyn_test::HeldOpenUntil(release, c.evaluator));
+        const bool givesUp = c.type == 99 && !c.evaluator.empty();
+        useProgram(standIn.program(), 60s, givesUp ? 300ms : 60s);
+        if (!c.evaluator.empty()) {
+            ProcessingTypeEvaluator::StartEvaluation();
+        }
+        LogCapture log;
+        std::atomic<long> tid{0};
+        uint32_t error = 0;
+        auto creation = std::async(std::launch::async, [&] {
+            tid = zyn_test::CurrentThreadId();
+            return VirtualBackground::createAutoZynNative(
+                blurSettings(c.pt, c.model ? zyn_test::RealModelsDir() : empty.path()), error, 1280,
+                720);
+        });
+        while (tid == 0) {
+            std::this_thread::yield();
+        }
+        if (!c.evaluator.empty() && !givesUp) {
+            EXPECT_TRUE(zyn_test::WaitUntilThreadSleeps(tid, 20s));
+            zyn_test::WriteFile(release, "");
+        }
+        VirtualBackground* engine = creation.get();
+        zyn_test::WriteFile(release, "");
+        waitForEvaluationEnd();  // it logs until it ends: let it end while the capture is alive
+        EXPECT_TRUE(log.hasFrom(kAutoFn, c.logged)) << log.dump();
+        EXPECT_EQ(engine == nullptr ? 99u : typeOf(engine), c.type);
+        EXPECT_EQ(error, c.error);
+        EXPECT_EQ(log.has(spdlog::level::err, "Evaluation thread timeout occured"), givesUp);
+        destroy(engine);
+        VBG::DestroyVBGMLProcessingInstance();
     }
-    EXPECT_EQ(standIn.calls(),
-              (std::vector<std::string>{"OpenVinoGpuPPGPU", "OnnxRuntimeDMLPPGPU"}));
-    EXPECT_TRUE(log.has(spdlog::level::err, failureMessage(-4, "OpenVinoGpuPPGPU"))) << log.dump();
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
-// Helpers of the processing-type evaluation suites: one set of library folders per test process
-// (the stored-selection reader is process-wide and keeps the first cache folder it is given), and
-// stand-in evaluator programs, small shell scripts that record how they were started and then do
-// whatever the test asks (exit with a code, sleep, crash).
+// The evaluation suites' folders (one set per process: the stored-selection reader keeps the first
+// cache folder it is given), stand-in evaluator programs (shell scripts that note their type
+// argument and do what the test asks) and fixture.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -12,37 +12,24 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "config/config_parser.h"
+#include "ml/vbg_ml_processing.h"
+#include "selection/processing_type_evaluator.h"
+#include "selection/processing_type_evaluator_limits.h"
 #include "selection/pt_config_init.h"
 #include "support/test_paths.h"
 
 namespace zyn_test {
 
-// Single-quoted for the shell.
-inline std::string ShellQuote(const std::string& text) {
-    std::string quoted = "'";
-    for (const char c : text) {
-        if (c == '\'') {
-            quoted += "'\\''";
-        } else {
-            quoted += c;
-        }
-    }
-    return quoted + "'";
-}
-
 inline std::vector<std::string> ReadLines(const std::filesystem::path& path) {
     std::vector<std::string> lines;
     std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
+    for (std::string line; std::getline(in, line);) {
         lines.push_back(line);
     }
     return lines;
@@ -56,7 +43,6 @@ class EvaluationFolders {
         static const EvaluationFolders folders;
         return folders;
     }
-
     std::filesystem::path models() const { return root_.path() / "models dir"; }
     std::filesystem::path logs() const { return root_.path() / "log dir"; }
     std::filesystem::path cache() const { return root_.path() / "cache dir"; }
@@ -67,19 +53,13 @@ class EvaluationFolders {
         WriteFile(selectionFile(), "{\"selected_processing_type\": \"" + typeName +
                                        "\", \"selected_processing_time\": \"" + time + "\"}");
     }
-    void storeSelectionAged(const std::string& typeName, std::chrono::hours age) const {
-        const auto now = std::chrono::duration_cast<std::chrono::seconds>(
-            std::chrono::system_clock::now().time_since_epoch());
-        const auto stamp = now - std::chrono::duration_cast<std::chrono::seconds>(age);
-        storeSelection(typeName, std::to_string(stamp.count()));
-    }
     void removeSelection() const { std::filesystem::remove(selectionFile()); }
 
   private:
     EvaluationFolders() : root_("zyn-evaluation") {
-        std::filesystem::create_directories(models());
-        std::filesystem::create_directories(logs());
-        std::filesystem::create_directories(cache());
+        for (const auto& folder : {models(), logs(), cache()}) {
+            std::filesystem::create_directories(folder);
+        }
         const std::filesystem::path config = root_.path() / "library.json";
         WriteFile(config, "{\"modelsPath\": \"" + models().string() + "\", \"logPath\": \"" +
                               logs().string() + "\", \"fileCachePath\": \"" + cache().string() +
@@ -93,30 +73,19 @@ class EvaluationFolders {
     TempDir root_;
 };
 
-// A stand-in evaluator: appends its first argument (the type name) to calls.txt and its argument
-// count and arguments to argv.txt, then runs `behaviour`, shell code that sees the usual
-// positional parameters ($1 is the type name).
+// A stand-in evaluator: appends its first argument (the type name) to calls.txt beside it, then
+// runs `behaviour`, shell code that sees the usual positional parameters ($1 is the type name).
 class EvaluatorStandIn {
   public:
     explicit EvaluatorStandIn(const std::string& behaviour) : dir_("zyn-stand-in") {
-        const std::filesystem::path script = dir_.path() / "evaluator";
-        WriteFile(script,
-                  "#!/bin/sh\n"
-                  "printf '%s\\n' \"$1\" >> " +
-                      ShellQuote(callsFile().string()) +
-                      "\n"
-                      "{ printf 'argc=%s\\n' \"$#\"; for a in \"$@\"; do printf "
-                      "'arg=%s\\n' \"$a\"; done; } >> " +
-                      ShellQuote(argvFile().string()) + "\n" + behaviour + "\n");
-        ::chmod(script.c_str(), 0755);
+        WriteFile(program(),
+                  "#!/bin/sh\nprintf '%s\\n' \"$1\" >> \"$(dirname \"$0\")/calls.txt\"\n" +
+                      behaviour + "\n");
+        ::chmod(program().c_str(), 0755);
     }
-
     std::string program() const { return (dir_.path() / "evaluator").string(); }
     std::filesystem::path dir() const { return dir_.path(); }
-    std::filesystem::path callsFile() const { return dir_.path() / "calls.txt"; }
-    std::filesystem::path argvFile() const { return dir_.path() / "argv.txt"; }
-    std::vector<std::string> calls() const { return ReadLines(callsFile()); }
-    std::vector<std::string> argvLines() const { return ReadLines(argvFile()); }
+    std::vector<std::string> calls() const { return ReadLines(dir_.path() / "calls.txt"); }
 
   private:
     TempDir dir_;
@@ -124,28 +93,64 @@ class EvaluatorStandIn {
 
 // Shell code that keeps a stand-in running until the file `release` exists, then runs `then`.
 inline std::string HeldOpenUntil(const std::filesystem::path& release, const std::string& then) {
-    return "while [ ! -e " + ShellQuote(release.string()) + " ]; do sleep 0.01; done\n" + then;
+    return "while [ ! -e '" + release.string() + "' ]; do sleep 0.01; done\n" + then;
 }
 
 inline long CurrentThreadId() {
     return static_cast<long>(::syscall(SYS_gettid));
 }
 
+// State letter of /proc/<stat> ('S' sleeping, 'Z' zombie), or '\0' when it is gone.
+inline char ProcessState(const std::string& stat) {
+    std::ifstream in(stat);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const size_t close = text.rfind(')');
+    return close == std::string::npos || close + 2 >= text.size() ? '\0' : text[close + 2];
+}
+
 // Waits (at most `limit`) until thread `tid` of this process is asleep in the kernel, as a thread
 // blocked in a wait is. False when it did not happen in time.
 inline bool WaitUntilThreadSleeps(long tid, std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-        const std::string text((std::istreambuf_iterator<char>(stat)),
-                               std::istreambuf_iterator<char>());
-        const size_t close = text.rfind(')');
-        if (close != std::string::npos && close + 2 < text.size() && text[close + 2] == 'S') {
-            return true;
+    while (ProcessState("/proc/self/task/" + std::to_string(tid) + "/stat") != 'S') {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    return false;
+    return true;
 }
+
+// Each test starts without a stored selection and leaves no evaluation, limits or backend behind.
+class EvaluationTest : public ::testing::Test {
+  protected:
+    void SetUp() override { folders().removeSelection(); }
+    void TearDown() override {
+        EXPECT_TRUE(waitForEvaluationEnd());
+        VBG::ResetEvaluatorLimitsForTesting();
+        folders().removeSelection();
+        VBG::DestroyVBGMLProcessingInstance();  // one backend per process, of one type
+    }
+    static bool waitForEvaluationEnd() {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (VBG::ProcessingTypeEvaluator::IsEvaluationRunning()) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return true;
+    }
+    static const EvaluationFolders& folders() { return EvaluationFolders::Get(); }
+    static void useProgram(const std::string& program,
+                           std::chrono::milliseconds run = std::chrono::seconds(60),
+                           std::chrono::milliseconds completionWait = std::chrono::seconds(60)) {
+        VBG::EvaluatorLimits limits;
+        limits.programPath = program;
+        limits.evaluatorRun = run;
+        limits.completionWait = completionWait;
+        VBG::SetEvaluatorLimitsForTesting(limits);
+    }
+};
 
 }  // namespace zyn_test
