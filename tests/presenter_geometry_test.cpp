@@ -1,5 +1,6 @@
-// Presenter layouts: the presenter's scale and size, the camera viewport of the layered modes and
-// the camera and presentation viewports of the room modes, including their deliberate quirks.
+// Presenter layouts: the presenter's scale and size, the camera viewport of the layered modes, the
+// camera and presentation viewports of the room modes (with their deliberate quirks) and the
+// presenter's placement in the composed frame.
 #include <gtest/gtest.h>
 
 #include "config/config_parser.h"
@@ -131,30 +132,21 @@ TEST(PresenterGeometry, OtherModesYieldAnEmptyPresentationRectangle) {
 }
 
 TEST(PresenterPlacement, ClipsToTheAreaWithAnEvenOrigin) {
-    Presenter::Placement p;
-    ASSERT_TRUE(Presenter::ClipPlacement(101, 51, 40, 30, 640, 360, p));
-    EXPECT_EQ(100, p.x);
-    EXPECT_EQ(50, p.y);
-    EXPECT_EQ(0, p.srcX);
-    EXPECT_EQ(40, p.width);
-    EXPECT_EQ(30, p.height);
-
-    // Hanging over the top-left corner: only the visible part, from inside the picture.
-    ASSERT_TRUE(Presenter::ClipPlacement(-11, -6, 40, 30, 640, 360, p));
-    EXPECT_EQ(0, p.x);
-    EXPECT_EQ(0, p.y);
-    EXPECT_EQ(12, p.srcX);
-    EXPECT_EQ(6, p.srcY);
-    EXPECT_EQ(28, p.width);
-    EXPECT_EQ(24, p.height);
-
-    // Over the bottom-right corner.
-    ASSERT_TRUE(Presenter::ClipPlacement(620, 350, 40, 30, 640, 360, p));
-    EXPECT_EQ(20, p.width);
-    EXPECT_EQ(10, p.height);
-
-    EXPECT_FALSE(Presenter::ClipPlacement(640, 0, 40, 30, 640, 360, p));
-    EXPECT_FALSE(Presenter::ClipPlacement(-40, 0, 40, 30, 640, 360, p));
-    EXPECT_FALSE(Presenter::ClipPlacement(0, 0, -(1 << 27), 30, 640, 360, p));
-    EXPECT_FALSE(Presenter::ClipPlacement(0, 0, 0, 30, 640, 360, p));
+    // A w x h picture at (x, y) in a 640 x 360 area: the visible part as x, y, srcX, srcY,
+    // width, height, or nothing.
+    const std::pair<std::vector<int64_t>, std::vector<int>> cases[] = {
+        {{101, 51, 40, 30}, {100, 50, 0, 0, 40, 30}},
+        {{-11, -6, 40, 30}, {0, 0, 12, 6, 28, 24}},  // over the top-left corner
+        {{620, 350, 40, 30}, {620, 350, 0, 0, 20, 10}},
+        {{640, 0, 40, 30}, {}},
+        {{-40, 0, 40, 30}, {}},
+        {{0, 0, -(1 << 27), 30}, {}},
+        {{0, 0, 0, 30}, {}}};
+    for (const auto& [at, expected] : cases) {
+        Presenter::Placement p;
+        const bool visible = Presenter::ClipPlacement(at[0], at[1], at[2], at[3], 640, 360, p);
+        const std::vector<int> got = {p.x, p.y, p.srcX, p.srcY, p.width, p.height};
+        EXPECT_EQ(expected, visible ? got : std::vector<int>{})
+            << at[0] << ", " << at[1];
+    }
 }
