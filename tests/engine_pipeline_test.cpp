@@ -1,14 +1,12 @@
 // The CPU engine end to end through the exported functions, with the real segmentation model:
 // every effect on NV12 and I420 frames of many sizes, settings changes between frames, frame size
-// changes, feedback and the statistics text.
+// changes, feedback and the statistics text. (Animated and video backgrounds through the engine:
+// the soak; their frame timing: the media suites.)
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
-#include <chrono>
-#include <thread>
 #include <tuple>
 
-#include "config/config_parser.h"
 #include "engine_test_support.h"
 #include "media/background_image.h"
 #include "support/log_capture.h"
@@ -21,24 +19,19 @@ namespace {
 
 // The colour of a flat background picture as the engine blends it at a frame size: what the
 // picture source delivers at that size, converted like every picture background.
-Yuv PictureColour(const std::string& name, int width, int height) {
+Yuv Colour(const std::string& name, int width = 640, int height = 360) {
     VBGSettings s{};
+    s.imageOrVideoDataSource = s.imageOrVideoType = 1;
     s.bt = 2;
-    s.imageOrVideoDataSource = 1;
-    s.imageOrVideoType = 1;
     VBG::Text::CopyToField(s.backgroundImageFile, ZYN_PATH_CHARS,
                            (Library::Get().cache() / name).string(), ZYN_PATH_CHARS - 2);
     auto source = std::make_shared<VBG::BackgroundImage>(s);
-    const uint8_t* argb = source->lockAndGetCropAndScaledArgbBuffer(width, height);
-    const Yuv yuv = argb == nullptr ? Yuv{} : YuvOf(argb[0], argb[1], argb[2]);
+    Yuv c{};
+    libyuv::ARGBToI420(source->lockAndGetCropAndScaledArgbBuffer(width, height), width * 4, &c.y, 1,
+                       &c.u, 1, &c.v, 1, 1, 1);
     source->unlockVideoFrame();
-    return yuv;
+    return c;
 }
-Yuv Green(int width = 640, int height = 360) {
-    return PictureColour("green.png", width, height);
-}
-const Yuv kBlack{0, 0, 0};
-
 double DistanceFrom(const Frame& f, const Yuv& c, const Box& box) {
     return MeanDistanceFrom(f, c.y, c.u, c.v, box);
 }
@@ -50,7 +43,6 @@ class EnginePipeline : public testing::Test {
         WritePicture("red.png", 400, 300, "red");
     }
 };
-
 struct SizeCase {
     uint32_t width, height, format;
 };
@@ -83,10 +75,10 @@ TEST_P(EnginePipelineSizes, EachEffectKeepsThePersonAndChangesOnlyWhatItShould) 
             EXPECT_GT(Detail(out, face), 0.8 * Detail(*in, face));
             continue;
         }
-        EXPECT_LT(DistanceFrom(out, Green(w, h), UpperWallBox(w, h)), 3.0);
-        EXPECT_LT(DistanceFrom(out, Green(w, h), shuttle), 3.0);
+        EXPECT_LT(DistanceFrom(out, Colour("green.png", w, h), UpperWallBox(w, h)), 3.0);
+        EXPECT_LT(DistanceFrom(out, Colour("green.png", w, h), shuttle), 3.0);
         // Far from the person the mask is 0: the picture exactly, (v * 255 + 255) >> 8 == v.
-        EXPECT_TRUE(!landscape || DistanceFrom(out, Green(w, h), wall) == 0.0);
+        EXPECT_TRUE(!landscape || DistanceFrom(out, Colour("green.png", w, h), wall) == 0.0);
     }
 }
 
@@ -126,143 +118,82 @@ TEST_F(EnginePipeline, EveryFormatPairAndProcessingInPlaceGiveTheSamePicture) {
     }
 }
 
-TEST_F(EnginePipeline, NoBackgroundWithoutTouchUpFailsEveryFrame) {
-    // Only the native configuration record can ask for no effect at all.
-    ZynNativeConfig config = VBG::DefaultZynNativeConfig();
-    config.processingMode = 2;
-    VBG::Text::CopyToField(config.modelFilePath, ZYN_PATH_CHARS,
-                           (zyn_test::RealModelsDir() / "model.winml").string(), 1000);
-    ZynNativeHandle handle = nullptr;
-    ASSERT_EQ(0u, ZynNativeVbgCreateInstance(&config, &handle));
-    auto in = AstronautFrame(640, 360, ZYN_FORMAT_NV12);
-    Frame out(640, 360, ZYN_FORMAT_NV12);
-    const std::vector<uint8_t> before = out.packedI420();
-    LogCapture log;
-    ZynNativeInputFrame i = in->record(), o = out.record();
-    for (int frame = 0; frame < 3; ++frame) {
-        EXPECT_EQ(2u, ZynNativeVbgProcessFrame(&handle, &i, &o));
-    }
-    EXPECT_EQ(3u, log.count("Internal processVideoFrame failed: Invalid config")) << log.dump();
-    EXPECT_EQ(before, out.packedI420());
-    ZynNativeVbgDestroyInstance(&handle);
-}
-
 TEST_F(EnginePipeline, AnUnreadableBackgroundIsAcceptedAndGivesAnAllZeroBackground) {
-    zyn_test::WriteFile(Library::Get().cache() / "unreadable.mp4", "not a video at all\n");
     auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);
     Frame out(640, 360, ZYN_FORMAT_I420);
+    // A missing picture or an unreadable video, at creation or by an update: one record names it
+    // (it is not opened again for every frame), and the background is all zero bytes.
+    zyn_test::WriteFile(Library::Get().cache() / "unreadable.mp4", "not a video at all\n");
     for (const std::string file : {"no_such_picture.png", "unreadable.mp4"}) {
         for (const bool byUpdate : {false, true}) {
             SCOPED_TRACE(file + (byUpdate ? " by update" : " at creation"));
             LogCapture log;
             Instance instance(byUpdate ? BlurConfig() : BackgroundConfig(file));
-            ASSERT_EQ(0u, instance.status());
-            if (byUpdate) {
-                ASSERT_EQ(0u, instance.run(*in, out, 1));
-                ASSERT_EQ(0u, instance.update(BackgroundConfig(file)));
-            }
+            ASSERT_EQ(0u, instance.run(*in, out, byUpdate ? 1 : 0));
+            ASSERT_EQ(0u, byUpdate ? instance.update(BackgroundConfig(file)) : 0u);
             ASSERT_EQ(0u, instance.run(*in, out, kSettle));
-            // One record names the file: it is not opened again for every frame.
             EXPECT_EQ(1u, log.countAt(spdlog::level::err, file)) << log.dump();
-            EXPECT_EQ(0.0, DistanceFrom(out, kBlack, LeftWallBox(640, 360)));
-            EXPECT_LT(DistanceFrom(out, kBlack, UpperWallBox(640, 360)), 3.0);
+            EXPECT_EQ(0.0, DistanceFrom(out, Yuv{}, LeftWallBox(640, 360)));
+            EXPECT_LT(DistanceFrom(out, Yuv{}, UpperWallBox(640, 360)), 3.0);
             // Against black the mask's soft spots show more than against a picture.
             EXPECT_LT(MeanDifference(*in, out, FaceBox(640, 360)), 8.0);
         }
     }
 }
 
-TEST_F(EnginePipeline, AnimatedPictureAndVideoShowTheirFramesInTurn) {
-    WriteAnimatedGif("flash.gif");  // 100 ms per picture frame
-    WriteVideo("flash.mp4");        // 400 ms per colour
-    auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);
-    Frame out(640, 360, ZYN_FORMAT_I420);
-    for (const std::string file : {"flash.gif", "flash.mp4"}) {
-        SCOPED_TRACE(file);
-        Instance instance(BackgroundConfig(file));
-        ASSERT_EQ(0u, instance.status());
-        std::string shown;
-        auto last = std::chrono::steady_clock::now();
-        const auto deadline = last + std::chrono::seconds(10);
-        auto longestGap = last - last;
-        while (last < deadline && (shown.find("rb") == shown.npos ||
-                                   shown.find("br") == shown.npos || shown.size() < 24)) {
-            ASSERT_EQ(0u, instance.process(*in, out));
-            shown += DominantColour(out, LeftWallBox(640, 360));
-            std::this_thread::sleep_for(std::chrono::milliseconds(25));
-            longestGap = std::max(longestGap, std::chrono::steady_clock::now() - last);
-            last = std::chrono::steady_clock::now();
-        }
-        shown.erase(0, file == "flash.mp4" ? shown.find_first_not_of('?') : 0);  // decoder start
-        // Red first, then blue, then red again as it loops; no '?' for a mixed frame.
-        EXPECT_EQ(shown.npos, shown.find('?')) << shown;
-        EXPECT_EQ('r', shown.front()) << shown;
-        EXPECT_NE(shown.npos, shown.find("rb")) << shown;
-        EXPECT_NE(shown.npos, shown.find("br")) << shown;
-        // A picture frame outlasts a camera frame, unless a loaded machine spaced them further.
-        if (longestGap < std::chrono::milliseconds(90)) {
-            EXPECT_EQ(shown.npos, shown.find("rbr")) << shown;
-            EXPECT_EQ(shown.npos, shown.find("brb")) << shown;
-        }
-        EXPECT_LT(MeanDifference(*in, out, FaceBox(640, 360)), 4.0);
-    }
-}
-
 TEST_F(EnginePipeline, UpdatesRebuildOnlyWhatTheyChangeAndApplyWithTheNextFrame) {
     Instance instance(BlurAndTouchUpConfig("0.03"));
     auto in = AstronautFrame(640, 360, ZYN_FORMAT_NV12);
-    Frame out(640, 360, ZYN_FORMAT_NV12);
+    Frame out(640, 360, ZYN_FORMAT_NV12), composed(640, 360, ZYN_FORMAT_I420);
     ASSERT_EQ(0u, instance.run(*in, out, kSettle));
     const Frame softer = out;
-    const Box wall = LeftWallBox(640, 360), shuttle = ShuttleBox(640, 360);
+    const Box face = FaceBox(640, 360), wall = LeftWallBox(640, 360),
+              shuttle = ShuttleBox(640, 360);
     LogCapture log;
+    const auto made = [&](const std::string& what) { return log.countContaining(what); };
     const auto step = [&](const std::string& config, const std::string& record, int frames) {
         log.clear();
         ASSERT_EQ(0u, instance.update(config));
-        EXPECT_TRUE(record.empty() || log.contains(record)) << log.dump();
+        EXPECT_TRUE(log.contains(record)) << log.dump();
+        EXPECT_EQ(0u, made("Constructed"));  // nothing before the next frame
         ASSERT_EQ(0u, instance.run(*in, out, frames));
     };
-    const auto made = [&](const std::string& what) { return log.countContaining(what); };
     // Another sigma: the touch-up filter is made anew, nothing else.
     step(BlurAndTouchUpConfig("0.2"), "Processing change in touchup sigma values", 1);
     EXPECT_EQ(1u, log.count("Constructed TouchUp"));
-    EXPECT_EQ(0u, made("CPU Blur:Constructed") + made("Constructed. HR:0x"));
+    EXPECT_EQ(1u, made("Constructed"));
     EXPECT_TRUE(
         log.contains("Frame size changed from 640x360 -> 640x360 vbgUpdateRequested -> true"));
-    EXPECT_GT(MeanDifference(softer, out, FaceBox(640, 360)), 0.0);
+    EXPECT_GT(MeanDifference(softer, out, face), 0.0);
     step(BlurConfig(), "TouchUp is disabled", 1);
-    EXPECT_EQ(0u, made("Constructed TouchUp") + made("CPU Blur:Constructed"));
+    EXPECT_EQ(0u, made("Constructed"));
     // Back to the first sigma: the first picture again, up to the mask's last settling steps.
     step(BlurAndTouchUpConfig("0.03"), "TouchUp is enabled", kSettle);
     EXPECT_EQ(1u, log.count("Constructed TouchUp"));
-    EXPECT_LT(MeanDifference(softer, out, FaceBox(640, 360)), 0.05);
-    // A picture: made with the next frame, with a new mask blur.
-    step(BackgroundConfig("green.png"), "", kSettle);
-    EXPECT_EQ(0.0, DistanceFrom(out, Green(), wall));
-    log.clear();
-    ASSERT_EQ(0u, instance.update(BackgroundConfig("red.png")));
-    EXPECT_EQ(0u, made("Constructed. HR:0x"));  // nothing before the next frame
-    ASSERT_EQ(0u, instance.run(*in, out, 1));
-    EXPECT_EQ(1u, made("Constructed. HR:0x")) << log.dump();  // the picture source
-    EXPECT_EQ(1u, made("CPU Blur:Constructed"));              // the mask blur
-    EXPECT_EQ(0.0, DistanceFrom(out, PictureColour("red.png", 640, 360), wall));
+    EXPECT_LT(MeanDifference(softer, out, face), 0.05);
+    // A picture, then another: its source and a new mask blur are made with the next frame.
+    step(BackgroundConfig("green.png"), "Update request received", kSettle);
+    EXPECT_EQ(0.0, DistanceFrom(out, Colour("green.png"), wall));
+    step(BackgroundConfig("red.png"), "Update request received", 1);
+    EXPECT_EQ(1u, made("Constructed. HR:0x")) << log.dump();
+    EXPECT_EQ(1u, made("CPU Blur:Constructed"));
+    EXPECT_EQ(0.0, DistanceFrom(out, Colour("red.png"), wall));
     // Back to blur: the picture source goes away.
-    step(BlurConfig(), "", 1);
+    step(BlurConfig(), "Update request received", 1);
     EXPECT_EQ(1u, made("Destroyed. HR:0x"));
     EXPECT_LT(Detail(out, shuttle), 0.5 * Detail(*in, shuttle));
     // Effects together with a presenter layout: only the presenter settings apply.
     step(R"({"effects": [{"name": "background", "backgroundFile": "green.png"},
              {"name": "weatherman", "mode": "overlay", "weathermanAlpha": "1.0",
               "weathermanSize": "0.5", "weathermanOffsetX": "0", "weathermanOffsetY": "0"}]})",
-         "", 0);
-    Frame composed(640, 360, ZYN_FORMAT_I420);
+         "Effect set to Weatherman mode: overlay", 0);
     EXPECT_EQ(0u, instance.present(*in, *in, composed));
     ASSERT_EQ(0u, instance.run(*in, out, kSettle));
-    EXPECT_GT(DistanceFrom(out, Green(), wall), 20.0);
+    EXPECT_GT(DistanceFrom(out, Colour("green.png"), wall), 20.0);
     EXPECT_LT(Detail(out, shuttle), 0.5 * Detail(*in, shuttle));
 }
 
-TEST_F(EnginePipeline, FrameSizeChangesMidStream) {
+TEST_F(EnginePipeline, FrameSizeChangesMidStreamAndTheStatisticsOfTheLastFrame) {
     Instance instance(BackgroundConfig("green.png"));
     LogCapture log;
     for (const auto& [w, h] : {std::pair{640u, 360u}, {1280u, 720u}, {321u, 181u}, {640u, 360u}}) {
@@ -271,33 +202,24 @@ TEST_F(EnginePipeline, FrameSizeChangesMidStream) {
         Frame out(w, h, ZYN_FORMAT_NV12);
         ASSERT_EQ(0u, instance.run(*in, out, kSettle));
         EXPECT_LT(MeanDifference(*in, out, FaceBox(w, h)), 4.0);
-        EXPECT_EQ(0.0, DistanceFrom(out, Green(w, h), LeftWallBox(w, h)));
+        EXPECT_EQ(0.0, DistanceFrom(out, Colour("green.png", w, h), LeftWallBox(w, h)));
     }
     EXPECT_TRUE(
         log.contains("Frame size changed from 640x360 -> 1280x720 vbgUpdateRequested -> false"));
     EXPECT_TRUE(
         log.contains("Frame size changed from 1280x720 -> 321x181 vbgUpdateRequested -> false"));
     EXPECT_EQ(4u, log.countContaining("Frame size changed from"));
-}
-
-TEST_F(EnginePipeline, ProcessingTimeAndStatisticsDescribeTheLastFrame) {
-    Instance instance(BlurConfig());
-    auto in = AstronautFrame(640, 360, ZYN_FORMAT_NV12);
-    Frame out(640, 360, ZYN_FORMAT_NV12);
-    ASSERT_EQ(0u, instance.run(*in, out, kSettle));
     uint32_t width = 0, height = 0, type = 99;
     const char* text =
         ZynNativeVideoProcessingGetFrameProcessingStats(instance.handle(), &width, &height, &type);
     EXPECT_EQ((std::vector<uint32_t>{640, 360, 0}), (std::vector<uint32_t>{width, height, type}));
     rapidjson::Document doc;
-    doc.Parse(text);
-    ASSERT_TRUE(doc.IsObject()) << text;
+    ASSERT_TRUE(doc.Parse(text).IsObject()) << text;
+    const int total = doc["fullFrameTime"].GetInt();
     const int parts = doc["preProcessedTime"].GetInt() + doc["inferenceTime"].GetInt() +
                       doc["postProcessedTime"].GetInt();
-    const int total = doc["fullFrameTime"].GetInt();
     EXPECT_EQ(static_cast<float>(total), instance.lastProcessingTime());
-    EXPECT_GE(total, parts);
-    EXPECT_LE(total, parts + 2);  // three truncations
+    EXPECT_TRUE(parts <= total && total <= parts + 2) << text;  // three truncations
     EXPECT_STREQ(text, ZynNativeVideoProcessingGetFrameProcessingStats(instance.handle(), nullptr,
                                                                        nullptr, nullptr));
 }
@@ -306,7 +228,10 @@ TEST_F(EnginePipeline, FeedbackRecordsTheNextFrameAndTheMasksItWasMadeWith) {
     Instance instance(BackgroundConfig("green.png")), plain(BackgroundConfig("green.png"));
     auto in = AstronautFrame(640, 360, ZYN_FORMAT_NV12);
     Frame out(640, 360, ZYN_FORMAT_NV12), plainOut(640, 360, ZYN_FORMAT_NV12);
-    const auto both = [&](int count) {
+    const fs::path cache = Library::Get().cache();
+    const auto both = [&](int count, const std::string& id) {
+        ASSERT_EQ(0u,
+                  id.empty() ? 0u : instance.update(R"({"feedback": true, "id": ")" + id + "\"}"));
         ASSERT_EQ(0u, instance.run(*in, out, count));
         ASSERT_EQ(0u, plain.run(*in, plainOut, count));
         EXPECT_EQ(plainOut.packedI420(), out.packedI420());  // feedback changes no picture
@@ -318,22 +243,21 @@ TEST_F(EnginePipeline, FeedbackRecordsTheNextFrameAndTheMasksItWasMadeWith) {
                            360);
         return pixels;
     };
-    both(kSettle);
-    const fs::path cache = Library::Get().cache();
-    ASSERT_EQ(0u, instance.update(R"({"feedback": true, "id": "fbone"})"));
-    both(1);
+    both(kSettle, "");
+    both(1, "fbone");
     EXPECT_EQ(argb(*in), ReadBytes(cache / "rawfbone.bin"));
     EXPECT_EQ(argb(out), ReadBytes(cache / "finalfbone.bin"));
     // Masks at the landscape model's 256 x 144. The current one is the mask the frame was blended
     // with: scaled to the frame, it gives every output luma byte from the camera's and green's.
     const auto current = ReadBytes(cache / "currentMaskfbone.bin");
+    const auto previous = ReadBytes(cache / "previousMaskfbone.bin");
     ASSERT_EQ(256u * 144u, current.size());
-    EXPECT_EQ(256u * 144u, ReadBytes(cache / "previousMaskfbone.bin").size());
-    EXPECT_NE(current, ReadBytes(cache / "previousMaskfbone.bin"));
+    EXPECT_EQ(256u * 144u, previous.size());
+    EXPECT_NE(current, previous);
     std::vector<uint8_t> alpha(640 * 360);
     libyuv::ScalePlane(current.data(), 256, 256, 144, alpha.data(), 640, 640, 360,
                        libyuv::kFilterBilinear);
-    const int green = Green().y;
+    const int green = Colour("green.png").y;
     size_t mismatches = 0;
     for (uint32_t y = 0; y < 360; ++y) {
         for (uint32_t x = 0; x < 640; ++x) {
@@ -344,17 +268,15 @@ TEST_F(EnginePipeline, FeedbackRecordsTheNextFrameAndTheMasksItWasMadeWith) {
     }
     EXPECT_EQ(0u, mismatches);
     rapidjson::Document index;
-    index.Parse(zyn_test::ReadFile(cache / "fbone.json").c_str());
-    ASSERT_TRUE(index.IsObject());
+    ASSERT_TRUE(index.Parse(zyn_test::ReadFile(cache / "fbone.json").c_str()).IsObject());
     EXPECT_EQ(256, index["currentMask"]["width"].GetInt());
     EXPECT_EQ(144, index["previousMask"]["height"].GetInt());
     EXPECT_STREQ("finalfbone.bin", index["final"]["filename"].GetString());
     // The previous mask of the next frame is the one this frame used; one request, one frame.
-    ASSERT_EQ(0u, instance.update(R"({"feedback": true, "id": "fbtwo"})"));
-    both(1);
+    both(1, "fbtwo");
     EXPECT_EQ(current, ReadBytes(cache / "previousMaskfbtwo.bin"));
     fs::remove(cache / "rawfbtwo.bin");
-    both(1);
+    both(1, "");
     EXPECT_FALSE(fs::exists(cache / "rawfbtwo.bin"));
     // A request while another one waits is refused, which costs the host the instance.
     ASSERT_EQ(0u, instance.update(R"({"feedback": true, "id": "fbthree"})"));
@@ -375,11 +297,7 @@ TEST_F(EnginePipeline, OnnxRuntimeCpuTypeThroughProcessingMode8) {
         ZynNativeVideoProcessingGetFrameProcessingStats(instance.handle(), nullptr, nullptr, &type);
         EXPECT_EQ(2u, type);
         EXPECT_LT(MeanDifference(*in, out, FaceBox(640, 360)), 4.0);
-        EXPECT_EQ(0.0, DistanceFrom(out, Green(), LeftWallBox(640, 360)));
-        // While that backend lives, the CPU type is refused.
-        LogCapture log;
-        EXPECT_EQ(3u, Instance(BlurConfig(2)).status());
-        EXPECT_TRUE(log.contains("Processing Type mismatch and hence returning false to fallback"));
+        EXPECT_EQ(0.0, DistanceFrom(out, Colour("green.png"), LeftWallBox(640, 360)));
     }
     ZynNativeVideoProcessingShutdownInstance();  // and leave none behind
 }
