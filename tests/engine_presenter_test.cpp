@@ -148,61 +148,35 @@ TEST(EnginePresenter, RoomLayoutsComposeRoomPresentationAndPresenterAtThePicture
     // left. Conference room: scale 1920 * (0.13 * 0.5 + 0.4) / 640 = 1.395, presenter 892 x 500 at
     // (100, 1080 - 500 - 33), drawn from the even row 546; the 4:3 presentation in 75% (1440 x
     // 810): 1080 x 810, centred, 1920 - 1440 - 8 + 180 = 652.
-    const struct {
-        std::string config;
-        uint32_t ow, oh, pw, ph, format;
-        uint32_t cam[4], rect[3];
-        uint8_t slide;
-    } cases[] = {{Room("newsroom", "newsroom.png",
-                       R"("weathermanPosition": "0", "presentationSize": "0.5",)"),
-                  1600,
-                  900,
-                  1280,
-                  720,
-                  kI420,
-                  {0, 586, 560, 314},
-                  {312, 10, 1280},
-                  235},
-                 {Room("newsroom", "newsroom.png",
-                       R"("weathermanPosition": "1", "presentationSize": "0.5",)"),
-                  1600,
-                  900,
-                  1280,
-                  720,
-                  kI420,
-                  {1040, 586, 560, 314},
-                  {2, 10, 1280},
-                  235},
-                 {Room("conferenceroom", "conference.png", ""),
-                  1920,
-                  1080,
-                  1024,
-                  768,
-                  kNv12,
-                  {100, 546, 892, 500},
-                  {652, 10, 1080},
-                  16}};
+    const std::string side = R"("presentationSize": "0.5", "weathermanPosition": ")";
+    // Output size; presentation size and format; presenter x, y, width, height; presentation x, y,
+    // width; the slide's luma.
+    const std::pair<std::string, std::vector<uint32_t>> cases[] = {
+        {Room("newsroom", "newsroom.png", side + "0\","),
+         {1600, 900, 1280, 720, kI420, 0, 586, 560, 314, 312, 10, 1280, 235}},
+        {Room("newsroom", "newsroom.png", side + "1\","),
+         {1600, 900, 1280, 720, kI420, 1040, 586, 560, 314, 2, 10, 1280, 235}},
+        {Room("conferenceroom", "conference.png", ""),
+         {1920, 1080, 1024, 768, kNv12, 100, 546, 892, 500, 652, 10, 1080, 16}}};
     auto camera = AstronautFrame(640, 360, kI420);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.config);
-        Instance instance(c.config);
+    for (const auto& [config, v] : cases) {
+        SCOPED_TRACE(config);
+        Instance instance(config);
         uint32_t ow = 0, oh = 0;
         ASSERT_TRUE(ZynNativeVideoProcessingGetOutputFrameSize(instance.handle(), &ow, &oh));
-        EXPECT_EQ(c.ow, ow);
-        EXPECT_EQ(c.oh, oh);
-        Frame slide = Slide(c.pw, c.ph, c.format, c.slide);
-        Frame out(c.ow, c.oh, c.format == kI420 ? kNv12 : kI420);
+        EXPECT_EQ((std::vector<uint32_t>{v[0], v[1]}), (std::vector<uint32_t>{ow, oh}));
+        const uint8_t luma = static_cast<uint8_t>(v[12]);
+        Frame slide = Slide(v[2], v[3], v[4], luma), out(ow, oh, v[4] == kI420 ? kNv12 : kI420);
         ASSERT_EQ(0u, instance.present(*camera, slide, out, kSettle));
         // The presentation fills its rectangle (inset for the scaler's edges) above the
         // presenter, who stands in front of it.
-        const Box inside{(c.rect[0] + 2.0) / ow, (c.rect[1] + 2.0) / oh,
-                         (c.rect[0] + c.rect[2] - 2.0) / ow, (c.cam[1] - 2.0) / oh};
-        EXPECT_LT(MeanDistanceFrom(out, c.slide, 128, 128, inside), 0.5);
-        const Frame presenter = Presenter(*camera, c.cam[2], c.cam[3]);
-        EXPECT_LT(FromPresenter(out, presenter, kFace, c.cam[0], c.cam[1]), 4.0);
+        const Box inside{(v[9] + 2.0) / ow, (v[10] + 2.0) / oh, (v[9] + v[11] - 2.0) / ow,
+                         (v[6] - 2.0) / oh};
+        EXPECT_LT(MeanDistanceFrom(out, luma, 128, 128, inside), 0.5);
+        EXPECT_LT(FromPresenter(out, Presenter(*camera, v[7], v[8]), kFace, v[5], v[6]), 4.0);
         // The room picture in the top corner away from the presentation.
-        const Box corner = c.rect[0] < 100 ? Box{0.97, 0, 1, 0.01} : Box{0, 0, 0.03, 0.01};
-        EXPECT_GT(MeanDistanceFrom(out, c.slide, 128, 128, corner), 40.0);
+        const Box corner = v[9] < 100 ? Box{0.97, 0, 1, 0.01} : Box{0, 0, 0.03, 0.01};
+        EXPECT_GT(MeanDistanceFrom(out, luma, 128, 128, corner), 40.0);
     }
 }
 

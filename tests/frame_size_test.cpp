@@ -169,6 +169,9 @@ TEST_P(FrameSizes, RecordsThatDoNotDescribeAUsableFrameAreRefusedAndNameTheSize)
     const auto strides = [nv12](uint32_t y, uint32_t u, uint32_t v) {
         return nv12 ? std::vector<uint32_t>{y, u} : std::vector<uint32_t>{y, u, v};
     };
+    const std::string otherSize = "Output frame 32x36 does not match the input frame 64x36";
+    const std::string unknownOut = "Unknown output frame format: 7";
+    const std::string unknownIn = "Unknown input frame format: 9";
     const struct {
         std::string what;
         uint32_t width, height;
@@ -192,30 +195,10 @@ TEST_P(FrameSizes, RecordsThatDoNotDescribeAUsableFrameAreRefusedAndNameTheSize)
         // A stride that is negative as an int, and a plane of more than 2^31 - 1 bytes.
         {"luma stride of 2^31", 64, 1, strides(0x80000000u, 64, 32), -1, false, ""},
         {"luma plane of 2^31 bytes", 64, 2, strides(0x40000000u, 64, 32), -1, false, ""},
-        {"an output of another size",
-         32,
-         36,
-         {},
-         -1,
-         true,
-         "Output frame 32x36 does not match the input frame 64x36"},
+        {"an output of another size", 32, 36, {}, -1, true, otherSize},
         // Refused before anything is written: a luma row at the width would reach the guard.
-        {"an output of an unknown format",
-         64,
-         36,
-         {63, 32, 32},
-         -1,
-         true,
-         "Unknown output frame format: 7",
-         7},
-        {"an input of an unknown format",
-         64,
-         36,
-         {10, 10, 10},
-         0,
-         false,
-         "Unknown input frame format: 9",
-         9}};
+        {"an output of an unknown format", 64, 36, {63, 32, 32}, -1, true, unknownOut, 7},
+        {"an input of an unknown format", 64, 36, {10, 10, 10}, 0, false, unknownIn, 9}};
     const fs::path cache = Library::Get().cache();
     int n = 0;
     for (const std::string& config : {BlurConfig(), TouchUpConfig("0.3")}) {
