@@ -33,7 +33,7 @@ int g_depths[kMaxRecords];
 std::atomic<int> g_count{0};
 thread_local bool t_tracking = false;
 
-void note() {
+[[maybe_unused]] void note() {
     if (t_tracking) {
         t_tracking = false;  // backtrace may allocate
         const int i = g_count.fetch_add(1);
