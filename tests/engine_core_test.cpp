@@ -1,14 +1,14 @@
-// The engine core: which engine the factory builds for each processing type and how creation
-// fails, the base engine's own ARGB path, and the life-cycle records.
+// The engine core: which engine the factory builds and how creation fails, the base engine's own
+// ARGB path, the life-cycle records, the fixed strengths of the engines' blurs and the brightness
+// measure that tells a dark presentation from a light one.
 #include <gtest/gtest.h>
 
-#include "config/config_parser.h"
-#include "config/vbg_settings.h"
-#include "engine/virtual_background_impl.h"
-#include "engine_test_support.h"
-
-#include <array>
 #include <cstdio>
+
+#include "config/vbg_settings.h"
+#include "engine/virtual_background_impl_cpu_yuv.h"
+#include "engine_test_support.h"
+#include "filters/blur_cpu.h"
 #include "support/log_capture.h"
 #include "util/text.h"
 
@@ -18,7 +18,6 @@ using zyn_test::LogCapture;
 namespace {
 
 VBGSettings SettingsFor(uint32_t pt, uint32_t bt, const std::string& picture = "") {
-    Library::Get();
     VBGSettings s = VBG::DefaultVBGSettings();
     s.pt = pt;
     s.bt = bt;
@@ -34,18 +33,24 @@ VBGSettings SettingsFor(uint32_t pt, uint32_t bt, const std::string& picture = "
     return s;
 }
 
-double Detail(const Frame& f, const Box& box) {
-    double sum = 0;
-    size_t n = 0;
-    for (uint32_t y = static_cast<uint32_t>(box.y0 * f.height());
-         y < static_cast<uint32_t>(box.y1 * f.height()); ++y) {
-        for (uint32_t x = static_cast<uint32_t>(box.x0 * f.width());
-             x + 1 < static_cast<uint32_t>(box.x1 * f.width()); ++x) {
-            sum += std::abs(f.lumaAt(x + 1, y) - f.lumaAt(x, y));
-            ++n;
-        }
-    }
-    return sum / n;
+// An engine with its blurs and its presentation measure in reach.
+template <typename Engine>
+struct Probe : Engine {
+    Probe() : Engine(0) {}
+    using Engine::frameBlur;
+    using Engine::getPresentationData;
+    using Engine::maskBlur;
+    using Engine::presenterLayout;
+};
+struct YuvProbe : Probe<VBG::VirtualBackgroundImplYuv> {
+    using VirtualBackgroundImplYuv::chromaBlur;
+    using VirtualBackgroundImplYuv::lumaBlur;
+};
+
+// The three box radii of a blur (none when it was never made).
+std::vector<int> Radii(const std::unique_ptr<VBG::Blur>& blur) {
+    return blur ? std::vector<int>{blur->radius0, blur->radius1, blur->radius2}
+                : std::vector<int>{};
 }
 
 bool Process(VBG::VirtualBackground& engine, Frame& in, Frame& out) {
@@ -57,7 +62,6 @@ bool Process(VBG::VirtualBackground& engine, Frame& in, Frame& out) {
 }  // namespace
 
 TEST(EngineFactory, ReservedAndUnknownProcessingTypesAreRefused) {
-    Library::Get();  // before any capture: initialisation installs the library's own logger
     for (const uint32_t pt : {7u, 10u, 0xFFFFFFFFu}) {
         LogCapture log;
         const VBGSettings s = SettingsFor(pt, 1);
@@ -65,37 +69,28 @@ TEST(EngineFactory, ReservedAndUnknownProcessingTypesAreRefused) {
         EXPECT_TRUE(log.has(spdlog::level::err, "Unknown processing type called Unknown"))
             << log.dump();
         EXPECT_TRUE(log.contains("createMLProcessing failed"));
-        // The engine made for the attempt is gone again.
-        EXPECT_EQ(1u, log.countContaining("Destroyed. HR:0x"));
+        EXPECT_EQ(1u, log.countContaining("Destroyed. HR:0x"));  // the engine of the attempt
     }
 }
 
 TEST(EngineFactory, GpuTypesAreNotSupportedHereAndGpuModeFallsBackToTheCpu) {
-    Library::Get();
-    {
-        // Processing mode 9 is type 8, a GPU-pipeline type: not supported on this hardware.
-        Instance gpu(BlurConfig(9));
-        EXPECT_EQ(5u, gpu.status());
-        EXPECT_FALSE(gpu.valid());
-    }
-    {
-        LogCapture log;
-        Instance fallback(BlurConfig(1));
-        EXPECT_EQ(0u, fallback.status());
-        ASSERT_TRUE(fallback.valid());
-        EXPECT_TRUE(log.contains("GPU not supported, switching to CPU"));
-        uint32_t type = 99;
-        ZynNativeVideoProcessingGetFrameProcessingStats(fallback.handle(), nullptr, nullptr, &type);
-        EXPECT_EQ(0u, type);
-    }
+    Instance gpu(BlurConfig(9));  // type 8, a GPU-pipeline type
+    EXPECT_EQ(5u, gpu.status());
+    EXPECT_FALSE(gpu.valid());
+    LogCapture log;
+    Instance fallback(BlurConfig(1));
+    EXPECT_EQ(0u, fallback.status());
+    EXPECT_TRUE(log.contains("GPU not supported, switching to CPU"));
+    uint32_t type = 99;
+    ZynNativeVideoProcessingGetFrameProcessingStats(fallback.handle(), nullptr, nullptr, &type);
+    EXPECT_EQ(0u, type);
 }
 
 TEST(EngineFactory, AModelThatCannotBeLoadedFailsTheCreation) {
-    Library::Get();  // before any capture: initialisation installs the library's own logger
     ZynNativeVideoProcessingShutdownInstance();  // no backend yet: the next one is loaded anew
     LogCapture log;
     VBGSettings s = SettingsFor(0, 1);
-    VBG::Text::CopyToField(s.modelFilePath, ZYN_PATH_CHARS, std::string("/nonexistent/model.winml"),
+    VBG::Text::CopyToField(s.modelFilePath, ZYN_PATH_CHARS, std::string("/nonexistent/x.winml"),
                            1000);
     uint32_t error = 0;
     EXPECT_EQ(nullptr, VBG::VirtualBackground::createZynNative(s, error, 640, 360));
@@ -103,18 +98,10 @@ TEST(EngineFactory, AModelThatCannotBeLoadedFailsTheCreation) {
     EXPECT_TRUE(log.contains("loadBindModel failed"));
     EXPECT_TRUE(log.contains("createMLProcessing failed"));
     // Nothing of the failed attempt stays behind: a good model loads on the next creation.
+    log.clear();
     const VBGSettings good = SettingsFor(0, 1);
     void* engine = ZynNativeInternalCreate(&good);
     EXPECT_NE(nullptr, engine);
-    ZynNativeInternalDestroy(engine);
-}
-
-TEST(EngineCore, EachEngineLogsItsConstructionAndDestructionOnce) {
-    Library::Get();
-    LogCapture log;
-    const VBGSettings s = SettingsFor(0, 1);
-    void* engine = ZynNativeInternalCreate(&s);
-    ASSERT_NE(nullptr, engine);
     ZynNativeInternalDestroy(engine);
     char address[32];
     std::snprintf(address, sizeof address, "%llX",
@@ -124,47 +111,88 @@ TEST(EngineCore, EachEngineLogsItsConstructionAndDestructionOnce) {
     EXPECT_TRUE(log.contains("VirtualBackgroundImpl::init performed"));
 }
 
-TEST(EngineCore, ArgbPathBlursTheWholeFrameInBlurMode) {
-    VBG::VirtualBackgroundImpl engine(0);
-    ASSERT_EQ(0, engine.init(SettingsFor(0, 1), 640, 360));
+TEST(EngineCore, ArgbPathBlursOrCutsThePersonOutOverThePicture) {
+    WritePicture("core_blue.png", 64, 36, "blue");
     auto in = AstronautFrame(640, 360, ZYN_FORMAT_NV12);
     Frame out(640, 360, ZYN_FORMAT_I420);
-    LogCapture log;
-    ASSERT_TRUE(Process(engine, *in, out));
-    EXPECT_TRUE(log.contains("Frame: Res=640x360 format=1"));
-    // The blurred frame is its own background: the person is blurred as well.
-    EXPECT_LT(Detail(out, FaceBox(640, 360)), 0.6 * Detail(*in, FaceBox(640, 360)));
-    EXPECT_LT(MeanDifference(*in, out, LeftWallBox(640, 360)), 3.0);
-}
-
-TEST(EngineCore, ArgbPathCutsThePersonOutHardOverThePicture) {
-    WritePicture("core_blue.png", 64, 36, "blue");
-    VBG::VirtualBackgroundImpl engine(0);
-    ASSERT_EQ(0, engine.init(SettingsFor(0, 2, "core_blue.png"), 640, 360));
-    auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);
-    Frame out(640, 360, ZYN_FORMAT_NV12);
-    for (int i = 0; i < 6; ++i) {
+    const Box face = FaceBox(640, 360), wall = LeftWallBox(640, 360);
+    {
+        Probe<VBG::VirtualBackgroundImpl> engine;
+        ASSERT_EQ(0, engine.init(SettingsFor(0, 1), 640, 360));
+        LogCapture log;
         ASSERT_TRUE(Process(engine, *in, out));
+        EXPECT_TRUE(log.contains("Frame: Res=640x360 format=1"));
+        // The blurred frame is its own background: the person is blurred as well.
+        EXPECT_LT(Detail(out, face), 0.6 * Detail(*in, face));
+        EXPECT_LT(MeanDifference(*in, out, wall), 3.0);
+        // Strength 3 (mask): sqrt(12 * 9 / 3 + 1) = 6.1, box 5; m = (108 - 75 - 60 - 9) / -24 =
+        // 1.5 -> 2 boxes of 5, one of 7. Strength 5 (frame): sqrt(101) = 10.05, box 9; m =
+        // (300 - 243 - 108 - 9) / -40 = 1.5 -> 2 boxes of 9, one of 11.
+        EXPECT_EQ((std::vector<int>{2, 2, 3}), Radii(engine.maskBlur));
+        EXPECT_EQ((std::vector<int>{4, 4, 5}), Radii(engine.frameBlur));
     }
-    // Through ARGB and back: camera pixels come out within conversion rounding.
-    EXPECT_LT(MeanDifference(*in, out, FaceBox(640, 360)), 3.0);
-    const Yuv blue = YuvOf(255, 0, 0);
-    EXPECT_LT(MeanDistanceFrom(out, blue.y, blue.u, blue.v, LeftWallBox(640, 360)), 4.0);
-    EXPECT_LT(MeanDistanceFrom(out, blue.y, blue.u, blue.v, UpperWallBox(640, 360)), 4.0);
+    // Over a picture, and over grey (208, 208, 208) when the picture is missing; camera pixels
+    // come back through ARGB within conversion rounding.
+    auto camera = AstronautFrame(640, 360, ZYN_FORMAT_I420);
+    Frame composed(640, 360, ZYN_FORMAT_NV12);
+    // Blue: Y = (25 * 255 + 4224) >> 8 = 41, U = (112 * 255 + 32896) >> 8 = 240, V = (-18 * 255 +
+    // 32896) >> 8 = 110; grey 208: Y = (220 * 208 + 4224) >> 8 = 195, U = V = 128.
+    for (const auto& [file, colour] : {std::pair{"core_blue.png", Yuv{41, 240, 110}},
+                                       {"core_missing.png", Yuv{195, 128, 128}}}) {
+        SCOPED_TRACE(file);
+        VBG::VirtualBackgroundImpl engine(0);
+        ASSERT_EQ(0, engine.init(SettingsFor(0, 2, file), 640, 360));
+        LogCapture log;
+        for (int i = 0; i < kSettle; ++i) {
+            ASSERT_TRUE(Process(engine, *camera, composed));
+        }
+        EXPECT_EQ(std::string(file) == "core_missing.png" ? 1u : 0u,
+                  log.count("tempBackgroundArgbBuffer is invalid, some invalid scenario"));
+        EXPECT_LT(MeanDifference(*camera, composed, face), 3.0);
+        for (const Box& box : {wall, UpperWallBox(640, 360)}) {
+            EXPECT_LT(MeanDistanceFrom(composed, colour.y, colour.u, colour.v, box), 4.0);
+        }
+    }
 }
 
-TEST(EngineCore, ArgbPathShowsGreyWithoutAPicture) {
-    VBG::VirtualBackgroundImpl engine(0);
-    ASSERT_EQ(0, engine.init(SettingsFor(0, 2, "core_missing.png"), 640, 360));
+TEST(EngineCore, CpuEngineBlursMaskAndBackgroundWithFixedStrengths) {
+    YuvProbe engine;
+    ASSERT_EQ(0, engine.init(SettingsFor(0, 1), 640, 360));
     auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);
     Frame out(640, 360, ZYN_FORMAT_I420);
-    LogCapture log;
-    for (int i = 0; i < 6; ++i) {
-        ASSERT_TRUE(Process(engine, *in, out));
+    ASSERT_TRUE(Process(engine, *in, out));
+    // Mask, strength 0.7: sqrt(12 * 0.49 / 3 + 1) = 1.72, box 1; m = (5.88 - 3 - 12 - 9) / -8 =
+    // 2.27 -> 2 boxes of 1, one of 3.
+    EXPECT_EQ((std::vector<int>{0, 0, 1}), Radii(engine.maskBlur));
+    // Background at the 256 x 144 model: luma 144 / 36 = 4: sqrt(65) = 8.06, box 7; m = (192 -
+    // 147 - 84 - 9) / -32 = 1.5 -> 7, 7, 9. Chroma 72 / 36 = 2: sqrt(17) = 4.1, box 3; m = (48 -
+    // 27 - 36 - 9) / -16 = 1.5 -> 3, 3, 5.
+    EXPECT_EQ((std::vector<int>{3, 3, 4}), Radii(engine.lumaBlur));
+    EXPECT_EQ((std::vector<int>{1, 1, 2}), Radii(engine.chromaBlur));
+}
+
+TEST(EngineCore, PresentationBrightnessSamplesEveryFourthPixelOfEveryFourthRow) {
+    // 16 x 16: the 4 x 4 sample grid alternates 100 and `high`, every other pixel is 255. The
+    // samples' mean is (100 + high) / 2: 130 is dark (layout 2), 131 light (layout 1).
+    const auto picture = [](int high) {
+        std::vector<uint8_t> luma(16 * 16, 255);
+        for (int y = 0; y < 16; y += 4) {
+            for (int x = 0; x < 16; x += 4) {
+                luma[y * 16 + x] = static_cast<uint8_t>((x / 4 + y / 4) % 2 ? high : 100);
+            }
+        }
+        return luma;
+    };
+    Probe<VBG::VirtualBackgroundImpl> engine;
+    const std::vector<uint8_t> dark = picture(160), light = picture(162);
+    EXPECT_EQ(130u, engine.getPresentationData(dark.data(), 16, 16, 16));
+    EXPECT_EQ(2u, engine.presenterLayout);
+    // Measured again only every 16th frame.
+    for (int frame = 1; frame < 16; ++frame) {
+        EXPECT_EQ(130u, engine.getPresentationData(light.data(), 16, 16, 16)) << frame;
     }
-    EXPECT_EQ(1u, log.count("tempBackgroundArgbBuffer is invalid, some invalid scenario"));
-    const Yuv grey = YuvOf(208, 208, 208);
-    EXPECT_LT(MeanDistanceFrom(out, grey.y, grey.u, grey.v, LeftWallBox(640, 360)), 2.0);
+    EXPECT_EQ(131u, engine.getPresentationData(light.data(), 16, 16, 16));
+    EXPECT_EQ(1u, engine.presenterLayout);
 }
 
 TEST(EngineCore, ArgbPathRefusesFramesItCannotConvert) {
@@ -172,44 +200,19 @@ TEST(EngineCore, ArgbPathRefusesFramesItCannotConvert) {
     ASSERT_EQ(0, engine.init(SettingsFor(0, 1), 640, 360));
     auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);
     Frame out(640, 360, ZYN_FORMAT_I420);
-    LogCapture log;
-    ZynNativeInputFrame i = in->record();
-    ZynNativeInputFrame o = out.record();
-    i.format = 3;
-    EXPECT_FALSE(engine.processVideoFrame(&i, &o));
-    EXPECT_TRUE(log.has(spdlog::level::err, "Unknown input frame format: 3"));
-    EXPECT_TRUE(log.contains("ConvertZynNativeInputFrameToARGB failed"));
-    i.format = ZYN_FORMAT_I420;
-    o.format = 5;
-    EXPECT_FALSE(engine.processVideoFrame(&i, &o));
-    EXPECT_TRUE(log.contains("Unknown output frame format requested: 5"));
-    o = out.record();
-    o.width = 320;
-    EXPECT_FALSE(engine.processVideoFrame(&i, &o));
-    EXPECT_TRUE(log.contains("Unsupported output frame format: 2"));
-    o = out.record();
-    EXPECT_TRUE(engine.processVideoFrame(&i, &o));
-}
-
-TEST(EngineCore, UpdateKeepsTheProcessingTypeAndLogsTheTouchUpChange) {
-    VBG::VirtualBackgroundImpl engine(0);
-    VBGSettings s = SettingsFor(0, 1);
-    ASSERT_EQ(0, engine.init(s, 640, 360));
-    LogCapture log;
-    VBGSettings next = s;
-    next.pt = 9;
-    next.effects |= ZYN_EFFECT_TOUCHUP;
-    next.touchUpSigma = 0.1f;
-    EXPECT_TRUE(engine.update(next));
-    EXPECT_TRUE(log.contains("Update request received"));
-    EXPECT_TRUE(log.contains("TouchUp is enabled"));
-    // The settings record is printed with the type that was asked for.
-    EXPECT_EQ(1u, log.countContaining("pt: Auto"));
-    auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);
-    Frame out(640, 360, ZYN_FORMAT_I420);
+    // An input format, an output format, an output size; then a usable pair.
+    const std::pair<std::vector<uint32_t>, std::string> cases[] = {
+        {{3, ZYN_FORMAT_I420, 640}, "Unknown input frame format: 3"},
+        {{ZYN_FORMAT_I420, 5, 640}, "Unknown output frame format requested: 5"},
+        {{ZYN_FORMAT_I420, ZYN_FORMAT_I420, 320}, "Unsupported output frame format: 2"}};
+    for (const auto& [fields, record] : cases) {
+        LogCapture log;
+        ZynNativeInputFrame i = in->record(), o = out.record();
+        i.format = fields[0];
+        o.format = fields[1];
+        o.width = fields[2];
+        EXPECT_FALSE(engine.processVideoFrame(&i, &o));
+        EXPECT_TRUE(log.has(spdlog::level::err, record)) << log.dump();
+    }
     EXPECT_TRUE(Process(engine, *in, out));
-    // Applied with the frame; "automatic" leaves the engine's own type in place.
-    EXPECT_EQ(0u, engine.currentSettings().pt);
-    EXPECT_NE(0u, engine.currentSettings().effects & ZYN_EFFECT_TOUCHUP);
-    EXPECT_FLOAT_EQ(0.1f, engine.currentSettings().touchUpSigma);
 }

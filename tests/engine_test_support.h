@@ -1,12 +1,11 @@
 // What the engine suites share: the library initialised with the real segmentation model, camera
-// frames made from the astronaut sample picture with the ffmpeg program, background files
-// generated the same way, frame records over owned planes, and instance handles.
+// frames made from the astronaut sample picture and background files made with the ffmpeg
+// program, frame records over owned planes, instances and their effect configurations.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <libyuv.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -22,32 +21,26 @@ namespace engine_test {
 
 namespace fs = std::filesystem;
 
-inline void RunOrThrow(const std::string& command) {
-    if (std::system((command + " >/dev/null 2>&1").c_str()) != 0) {
-        throw std::runtime_error("command failed: " + command);
-    }
-}
+constexpr int kSettle = 6;  // frames until the model's temporal smoothing has settled
 
 inline std::vector<uint8_t> ReadBytes(const fs::path& path) {
     const std::string text = zyn_test::ReadFile(path);
     return std::vector<uint8_t>(text.begin(), text.end());
 }
 
-// The library, initialised once per test program: models from .deps/models, log and cache
-// folders in a scratch folder that lives as long as the program.
+// The library, initialised once per program: models from .deps/models, log and cache folders
+// (background files are named relative to the cache) in a scratch folder.
 class Library {
   public:
     static Library& Get() {
         static Library library;
         return library;
     }
-    // Background and presenter files are named relative to this folder in the configurations.
     const fs::path& cache() const { return cache_; }
     const fs::path& scratch() const { return dir_.path(); }
 
   private:
-    Library() : dir_("engine") {
-        cache_ = dir_ / "cache";
+    Library() : dir_("engine"), cache_(dir_ / "cache") {
         fs::create_directories(cache_);
         fs::create_directories(dir_ / "log");
         const fs::path config = dir_ / "config.json";
@@ -57,18 +50,16 @@ class Library {
         if (!ZynNativeVideoProcessingInit(config.c_str())) {
             throw std::runtime_error("library initialisation failed");
         }
-        // Initialisation starts the processing-type evaluation on a thread of its own. No
-        // evaluator program sits beside the test programs, so it ends at once; waiting for it keeps
-        // it from still logging while a short test program exits.
+        // Without an evaluator program the evaluation ends at once; waiting for it keeps it from
+        // logging while a short program exits.
         VBG::ProcessingTypeEvaluator::WaitForEvaluationToComplete();
     }
     zyn_test::TempDir dir_;
     fs::path cache_;
 };
 
-// Initialises the library before the first test of a program, so that every test, run alone or
-// with the others, starts with the library's logger in place (a log capture made later sees
-// every record).
+// Initialises the library before the first test, so that its logger is in place before any log
+// capture is made.
 class LibraryEnvironment : public testing::Environment {
   public:
     void SetUp() override { Library::Get(); }
@@ -76,42 +67,19 @@ class LibraryEnvironment : public testing::Environment {
 inline testing::Environment* const kLibraryEnvironment =
     testing::AddGlobalTestEnvironment(new LibraryEnvironment);
 
-// A flat colour in I420.
 struct Yuv {
     uint8_t y, u, v;
 };
-
-// The I420 value the engine's picture conversion gives a flat colour (B, G, R bytes).
-inline Yuv YuvOf(uint8_t b, uint8_t g, uint8_t r) {
-    uint8_t argb[16];
-    for (int i = 0; i < 4; ++i) {
-        argb[i * 4] = b;
-        argb[i * 4 + 1] = g;
-        argb[i * 4 + 2] = r;
-        argb[i * 4 + 3] = 255;
-    }
-    uint8_t y[4], u[1], v[1];
-    libyuv::ARGBToI420(argb, 8, y, 2, u, 1, v, 1, 2, 2);
-    return Yuv{y[0], u[0], v[0]};
-}
 
 // A frame in host memory: NV12 or I420, with row padding so that strides matter.
 class Frame {
   public:
     Frame(uint32_t width, uint32_t height, uint32_t format, uint32_t pad = 16)
-        : width_(width), height_(height), format_(format) {
-        const uint32_t cw = (width + 1) / 2;
-        const uint32_t ch = (height + 1) / 2;
-        strideY_ = width + pad;
+        : width_(width), height_(height), format_(format), strideY_(width + pad) {
+        const uint32_t cw = (width + 1) / 2, ch = (height + 1) / 2;
+        strideUV_ = (nv12() ? 2 * cw : cw) + pad;
         y_.assign(static_cast<size_t>(strideY_) * height, 0);
-        if (format == ZYN_FORMAT_NV12) {
-            strideUV_ = 2 * cw + pad;
-            uv_.assign(static_cast<size_t>(strideUV_) * ch, 128);
-        } else {
-            strideUV_ = cw + pad;
-            u_.assign(static_cast<size_t>(strideUV_) * ch, 128);
-            v_.assign(static_cast<size_t>(strideUV_) * ch, 128);
-        }
+        uv_.assign(static_cast<size_t>(strideUV_) * ch * (nv12() ? 1 : 2), 128);  // I420: U, V
     }
 
     ZynNativeInputFrame record() {
@@ -121,128 +89,111 @@ class Frame {
         r.format = format_;
         r.plane0 = y_.data();
         r.stride0 = strideY_;
-        if (format_ == ZYN_FORMAT_NV12) {
-            r.plane1 = uv_.data();
-            r.stride1 = strideUV_;
-        } else {
-            r.plane1 = u_.data();
-            r.stride1 = strideUV_;
-            r.plane2 = v_.data();
-            r.stride2 = strideUV_;
-        }
+        r.plane1 = uv_.data();
+        r.stride1 = strideUV_;
+        r.plane2 = nv12() ? nullptr : uv_.data() + uv_.size() / 2;
+        r.stride2 = nv12() ? 0 : strideUV_;
         return r;
     }
-
     uint32_t width() const { return width_; }
     uint32_t height() const { return height_; }
     uint32_t format() const { return format_; }
     uint8_t lumaAt(uint32_t x, uint32_t y) const { return y_[y * strideY_ + x]; }
-    uint8_t uAt(uint32_t x, uint32_t y) const {
-        return format_ == ZYN_FORMAT_NV12 ? uv_[(y / 2) * strideUV_ + (x / 2) * 2]
-                                          : u_[(y / 2) * strideUV_ + x / 2];
-    }
-    uint8_t vAt(uint32_t x, uint32_t y) const {
-        return format_ == ZYN_FORMAT_NV12 ? uv_[(y / 2) * strideUV_ + (x / 2) * 2 + 1]
-                                          : v_[(y / 2) * strideUV_ + x / 2];
-    }
+    uint8_t uAt(uint32_t x, uint32_t y) const { return uv_[chroma(x / 2, y / 2, 0)]; }
+    uint8_t vAt(uint32_t x, uint32_t y) const { return uv_[chroma(x / 2, y / 2, 1)]; }
 
-    // The picture as packed I420 (Y, then U, then V, no padding), whatever the format.
-    std::vector<uint8_t> packedI420() const {
-        const uint32_t cw = (width_ + 1) / 2, ch = (height_ + 1) / 2;
-        std::vector<uint8_t> out(static_cast<size_t>(width_) * height_ + 2 * cw * ch);
-        uint8_t* y = out.data();
-        uint8_t* u = y + static_cast<size_t>(width_) * height_;
-        uint8_t* v = u + static_cast<size_t>(cw) * ch;
-        if (format_ == ZYN_FORMAT_NV12) {
-            libyuv::NV12ToI420(y_.data(), strideY_, uv_.data(), strideUV_, y, width_, u, cw, v, cw,
-                               width_, height_);
-        } else {
-            libyuv::I420Copy(y_.data(), strideY_, u_.data(), strideUV_, v_.data(), strideUV_, y,
-                             width_, u, cw, v, cw, width_, height_);
+    // Visits every picture byte in packed I420 order (Y, U, V without padding).
+    template <typename Fn>
+    void forEachByte(Fn fn) {
+        for (uint32_t y = 0; y < height_; ++y) {
+            for (uint32_t x = 0; x < width_; ++x) {
+                fn(y_[y * strideY_ + x]);
+            }
         }
+        for (int which = 0; which < 2; ++which) {
+            for (uint32_t y = 0; y < (height_ + 1) / 2; ++y) {
+                for (uint32_t x = 0; x < (width_ + 1) / 2; ++x) {
+                    fn(uv_[chroma(x, y, which)]);
+                }
+            }
+        }
+    }
+    std::vector<uint8_t> packedI420() {
+        std::vector<uint8_t> out;
+        forEachByte([&out](uint8_t& b) { out.push_back(b); });
         return out;
     }
-    // Fills the frame from packed I420.
     void setPackedI420(const std::vector<uint8_t>& packed) {
-        const uint32_t cw = (width_ + 1) / 2, ch = (height_ + 1) / 2;
-        const uint8_t* y = packed.data();
-        const uint8_t* u = y + static_cast<size_t>(width_) * height_;
-        const uint8_t* v = u + static_cast<size_t>(cw) * ch;
-        if (format_ == ZYN_FORMAT_NV12) {
-            libyuv::I420ToNV12(y, width_, u, cw, v, cw, y_.data(), strideY_, uv_.data(), strideUV_,
-                               width_, height_);
-        } else {
-            libyuv::I420Copy(y, width_, u, cw, v, cw, y_.data(), strideY_, u_.data(), strideUV_,
-                             v_.data(), strideUV_, width_, height_);
-        }
+        size_t i = 0;
+        forEachByte([&](uint8_t& b) { b = packed[i++]; });
     }
     void fill(uint8_t y, uint8_t u, uint8_t v) {
-        const uint32_t cw = (width_ + 1) / 2, ch = (height_ + 1) / 2;
-        std::vector<uint8_t> packed(static_cast<size_t>(width_) * height_, y);
-        packed.resize(packed.size() + static_cast<size_t>(cw) * ch, u);
-        packed.resize(packed.size() + static_cast<size_t>(cw) * ch, v);
-        setPackedI420(packed);
+        const size_t luma = static_cast<size_t>(width_) * height_;
+        const size_t uEnd = luma + static_cast<size_t>((width_ + 1) / 2) * ((height_ + 1) / 2);
+        size_t i = 0;
+        forEachByte([&](uint8_t& b) {
+            b = i < luma ? y : i < uEnd ? u : v;
+            ++i;
+        });
     }
-    // Bytes of the padding after each row stay as they were made (0 for luma).
+    // The padding after each luma row is still as it was made (0).
     bool lumaPaddingUntouched() const {
-        for (uint32_t r = 0; r < height_; ++r) {
-            for (uint32_t c = width_; c < strideY_; ++c) {
-                if (y_[r * strideY_ + c] != 0) {
-                    return false;
-                }
+        for (size_t i = 0; i < y_.size(); ++i) {
+            if (i % strideY_ >= width_ && y_[i] != 0) {
+                return false;
             }
         }
         return true;
     }
 
   private:
-    uint32_t width_, height_, format_;
-    uint32_t strideY_ = 0, strideUV_ = 0;
-    std::vector<uint8_t> y_, u_, v_, uv_;
+    bool nv12() const { return format_ == ZYN_FORMAT_NV12; }
+    size_t chroma(uint32_t cx, uint32_t cy, int which) const {
+        return nv12() ? cy * strideUV_ + cx * 2 + which
+                      : which * uv_.size() / 2 + cy * strideUV_ + cx;
+    }
+
+    uint32_t width_, height_, format_, strideY_, strideUV_;
+    std::vector<uint8_t> y_, uv_;
 };
 
-// The astronaut sample picture as a width x height camera frame: scaled to the frame height and
-// centred on a flat grey wall (luma about 128), so the frame's left and right strips are
-// certainly background. Cached per size in the scratch folder.
-inline std::vector<uint8_t> AstronautI420(uint32_t width, uint32_t height) {
-    // ffmpeg makes even sizes; an odd frame is the top-left part of the next even one.
-    const uint32_t ew = (width + 1) & ~1u;
-    const uint32_t eh = (height + 1) & ~1u;
-    const fs::path raw = Library::Get().scratch() /
-                         ("astronaut_" + std::to_string(ew) + "x" + std::to_string(eh) + ".yuv");
+// Runs the ffmpeg program (quietly); throws when it fails.
+inline void RunOrThrow(const std::string& command) {
+    if (std::system((command + " >/dev/null 2>&1").c_str()) != 0) {
+        throw std::runtime_error("command failed: " + command);
+    }
+}
+
+// The astronaut sample picture as a camera frame: scaled to the frame height and centred on a flat
+// grey wall (luma about 128), so that the frame's left and right strips are certainly background.
+// Made once per even size; an odd frame is the top-left part of the next even one.
+inline std::unique_ptr<Frame> AstronautFrame(uint32_t width, uint32_t height, uint32_t format) {
+    const std::string ew = std::to_string((width + 1) & ~1u),
+                      eh = std::to_string((height + 1) & ~1u);
+    const fs::path raw = Library::Get().scratch() / ("astronaut_" + ew + "x" + eh + ".yuv");
     if (!fs::exists(raw)) {
         RunOrThrow("ffmpeg -y -v error -i '" + zyn_test::SampleImage("astronaut.png").string() +
-                   "' -vf 'scale=-2:" + std::to_string(eh) + ",pad=" + std::to_string(ew) + ":" +
-                   std::to_string(eh) +
+                   "' -vf 'scale=-2:" + eh + ",pad=" + ew + ":" + eh +
                    ":(ow-iw)/2:0:color=0x808080' -pix_fmt yuv420p -f rawvideo '" + raw.string() +
                    "'");
     }
-    const std::vector<uint8_t> even = ReadBytes(raw);
-    if (even.size() != static_cast<size_t>(ew) * eh * 3 / 2) {
-        throw std::runtime_error("unexpected size of " + raw.string());
-    }
-    const uint32_t cw = (width + 1) / 2, ch = (height + 1) / 2;
-    std::vector<uint8_t> out(static_cast<size_t>(width) * height + 2 * cw * ch);
-    const uint8_t* ey = even.data();
-    const uint8_t* eu = ey + static_cast<size_t>(ew) * eh;
-    const uint8_t* ev = eu + static_cast<size_t>(ew / 2) * (eh / 2);
-    uint8_t* y = out.data();
-    uint8_t* u = y + static_cast<size_t>(width) * height;
-    uint8_t* v = u + static_cast<size_t>(cw) * ch;
-    libyuv::I420Copy(ey, ew, eu, ew / 2, ev, ew / 2, y, width, u, cw, v, cw, width, height);
-    return out;
-}
-
-inline std::unique_ptr<Frame> AstronautFrame(uint32_t width, uint32_t height, uint32_t format) {
+    Frame whole(std::stoi(ew), std::stoi(eh), ZYN_FORMAT_I420);
+    whole.setPackedI420(ReadBytes(raw));
     auto frame = std::make_unique<Frame>(width, height, format);
-    frame->setPackedI420(AstronautI420(width, height));
+    const ZynNativeInputFrame w = whole.record(), f = frame->record();
+    if (format == ZYN_FORMAT_NV12) {
+        libyuv::I420ToNV12(w.plane0, w.stride0, w.plane1, w.stride1, w.plane2, w.stride2, f.plane0,
+                           f.stride0, f.plane1, f.stride1, width, height);
+    } else {
+        libyuv::I420Copy(w.plane0, w.stride0, w.plane1, w.stride1, w.plane2, w.stride2, f.plane0,
+                         f.stride0, f.plane1, f.stride1, f.plane2, f.stride2, width, height);
+    }
     return frame;
 }
 
-// Where the astronaut is in such a frame, as fractions of the frame: the face and the torso
-// (person) and the grey wall beside the picture and above the shuttle model (background). The
-// astronaut picture spans x from (W - H) / 2 to (W + H) / 2; inside it the face covers about
-// 37-55% across and 12-32% down, the orange suit 15-60% across and 62-90% down.
+// A box in fractions of a frame. The astronaut picture spans x from (W - H) / 2 to (W + H) / 2;
+// inside it the face covers about 37-55% across and 12-32% down, the orange suit 15-60% across
+// and 62-90% down; the grey wall lies left of it (landscape frames) and above the shuttle model.
 struct Box {
     double x0, y0, x1, y1;
 };
@@ -257,7 +208,9 @@ inline Box FaceBox(uint32_t w, uint32_t h) {
 inline Box TorsoBox(uint32_t w, uint32_t h) {
     return PictureBox(w, h, 0.18, 0.64, 0.58, 0.88);
 }
-// The grey wall left of the picture (only in landscape frames) and the wall above the shuttle.
+inline Box ShuttleBox(uint32_t w, uint32_t h) {
+    return PictureBox(w, h, 0.72, 0.05, 0.90, 0.50);
+}
 inline Box LeftWallBox(uint32_t w, uint32_t h) {
     return Box{0.02, 0.1, (static_cast<double>(w) - h) / 2.0 / w - 0.04, 0.9};
 }
@@ -265,97 +218,72 @@ inline Box UpperWallBox(uint32_t w, uint32_t h) {
     return PictureBox(w, h, 0.62, 0.02, 0.72, 0.15);
 }
 
-// Mean absolute luma and chroma difference of two frames inside a box.
-inline double MeanDifference(const Frame& a, const Frame& b, const Box& box) {
-    const uint32_t x0 = static_cast<uint32_t>(box.x0 * a.width());
-    const uint32_t x1 = static_cast<uint32_t>(box.x1 * a.width());
-    const uint32_t y0 = static_cast<uint32_t>(box.y0 * a.height());
-    const uint32_t y1 = static_cast<uint32_t>(box.y1 * a.height());
+// The mean of fn(x, y) over the pixels of a box.
+template <typename Fn>
+double MeanOver(const Frame& f, const Box& box, Fn fn) {
+    const auto x0 = static_cast<uint32_t>(box.x0 * f.width());
+    const auto x1 = static_cast<uint32_t>(box.x1 * f.width());
+    const auto y1 = static_cast<uint32_t>(box.y1 * f.height());
     double sum = 0;
     size_t n = 0;
-    for (uint32_t y = y0; y < y1; ++y) {
-        for (uint32_t x = x0; x < x1; ++x) {
-            sum += std::abs(a.lumaAt(x, y) - b.lumaAt(x, y)) + std::abs(a.uAt(x, y) - b.uAt(x, y)) +
-                   std::abs(a.vAt(x, y) - b.vAt(x, y));
-            ++n;
+    for (auto y = static_cast<uint32_t>(box.y0 * f.height()); y < y1; ++y) {
+        for (uint32_t x = x0; x < x1; ++x, ++n) {
+            sum += fn(x, y);
         }
     }
     return n == 0 ? 0.0 : sum / n;
 }
-
-// Mean U and V inside a box.
-inline std::pair<double, double> MeanChroma(const Frame& f, const Box& box) {
-    const uint32_t x0 = static_cast<uint32_t>(box.x0 * f.width());
-    const uint32_t x1 = static_cast<uint32_t>(box.x1 * f.width());
-    const uint32_t y0 = static_cast<uint32_t>(box.y0 * f.height());
-    const uint32_t y1 = static_cast<uint32_t>(box.y1 * f.height());
-    double u = 0, v = 0;
-    size_t n = 0;
-    for (uint32_t y = y0; y < y1; ++y) {
-        for (uint32_t x = x0; x < x1; ++x) {
-            u += f.uAt(x, y);
-            v += f.vAt(x, y);
-            ++n;
-        }
-    }
-    return n == 0 ? std::pair<double, double>{0, 0} : std::pair<double, double>{u / n, v / n};
+// Mean absolute luma and chroma difference of two frames, or of a frame from a flat colour.
+inline double MeanDifference(const Frame& a, const Frame& b, const Box& box) {
+    return MeanOver(a, box, [&](uint32_t x, uint32_t y) {
+        return std::abs(a.lumaAt(x, y) - b.lumaAt(x, y)) + std::abs(a.uAt(x, y) - b.uAt(x, y)) +
+               std::abs(a.vAt(x, y) - b.vAt(x, y));
+    });
 }
-
-// 'r' where red dominates a box, 'b' where blue does, '?' otherwise.
-inline char DominantColour(const Frame& f, const Box& box) {
-    const auto [u, v] = MeanChroma(f, box);
-    if (v > 200 && u < 128) {
-        return 'r';
-    }
-    if (u > 200 && v < 128) {
-        return 'b';
-    }
-    return '?';
-}
-
-// Mean absolute difference of a frame from a flat colour inside a box.
 inline double MeanDistanceFrom(const Frame& a, uint8_t y, uint8_t u, uint8_t v, const Box& box) {
-    Frame flat(a.width(), a.height(), a.format());
-    flat.fill(y, u, v);
-    return MeanDifference(a, flat, box);
+    return MeanOver(a, box, [&](uint32_t px, uint32_t py) {
+        return std::abs(a.lumaAt(px, py) - y) + std::abs(a.uAt(px, py) - u) +
+               std::abs(a.vAt(px, py) - v);
+    });
 }
-
-// A flat-coloured picture file of width x height (PNG or JPEG by the extension).
+inline std::pair<double, double> MeanChroma(const Frame& f, const Box& box) {
+    return {MeanOver(f, box, [&](uint32_t x, uint32_t y) { return f.uAt(x, y); }),
+            MeanOver(f, box, [&](uint32_t x, uint32_t y) { return f.vAt(x, y); })};
+}
+// Mean absolute horizontal luma step: how much detail survives.
+inline double Detail(const Frame& f, const Box& box) {
+    return MeanOver(f, box, [&](uint32_t x, uint32_t y) {
+        return x + 1 < f.width() ? std::abs(f.lumaAt(x + 1, y) - f.lumaAt(x, y)) : 0;
+    });
+}
+// Background files in the cache folder: a flat picture (PNG or JPEG by the extension), an
+// animated GIF (red, then blue, 0.1 s each, looping) and a 0.8 s video (red for 0.4 s, then blue).
+inline fs::path WriteMedia(const std::string& name, const std::string& arguments) {
+    const fs::path path = Library::Get().cache() / name;
+    RunOrThrow("ffmpeg -y -v error -f lavfi -i " + arguments + " '" + path.string() + "'");
+    return path;
+}
 inline fs::path WritePicture(const std::string& name, uint32_t width, uint32_t height,
                              const std::string& colour) {
-    const fs::path path = Library::Get().cache() / name;
-    RunOrThrow("ffmpeg -y -v error -f lavfi -i color=c=" + colour + ":s=" + std::to_string(width) +
-               "x" + std::to_string(height) + " -frames:v 1 '" + path.string() + "'");
-    return path;
+    return WriteMedia(name, "color=c=" + colour + ":s=" + std::to_string(width) + "x" +
+                                std::to_string(height) + " -frames:v 1");
 }
-
-// An animated GIF of two frames, red then blue, each shown for a tenth of a second, looping.
 inline fs::path WriteAnimatedGif(const std::string& name) {
-    const fs::path path = Library::Get().cache() / name;
-    RunOrThrow(
-        "ffmpeg -y -v error -f lavfi -i color=c=red:s=64x36:r=10:d=0.1 -f lavfi -i "
-        "color=c=blue:s=64x36:r=10:d=0.1 -filter_complex '[0][1]concat=n=2:v=1' -loop 0 '" +
-        path.string() + "'");
-    return path;
+    return WriteMedia(name,
+                      "color=c=red:s=64x36:r=10:d=0.1 -f lavfi -i color=c=blue:s=64x36:r=10:"
+                      "d=0.1 -filter_complex '[0][1]concat=n=2:v=1' -loop 0");
 }
-
-// A video of 0.8 s at 25 fps: red for 0.4 s, then blue.
 inline fs::path WriteVideo(const std::string& name) {
-    const std::string first = "red", second = "blue";
-    const fs::path path = Library::Get().cache() / name;
-    RunOrThrow("ffmpeg -y -v error -f lavfi -i color=c=" + first +
-               ":s=160x90:r=25:d=0.4 -f lavfi -i color=c=" + second +
-               ":s=160x90:r=25:d=0.4 -filter_complex '[0][1]concat=n=2:v=1' -c:v libx264 "
-               "-pix_fmt yuv420p '" +
-               path.string() + "'");
-    return path;
+    return WriteMedia(name,
+                      "color=c=red:s=160x90:r=25:d=0.4 -f lavfi -i color=c=blue:s=160x90:"
+                      "r=25:d=0.4 -filter_complex '[0][1]concat=n=2:v=1' -c:v libx264 "
+                      "-pix_fmt yuv420p");
 }
 
 // An instance made from a JSON effect configuration; destroyed with its handle.
 class Instance {
   public:
     explicit Instance(const std::string& json) {
-        Library::Get();
         status_ = ZynNativeVideoProcessingCreateInstance(json.c_str(), &handle_);
     }
     ~Instance() { ZynNativeVideoProcessingDestroyInstance(&handle_); }
@@ -365,16 +293,32 @@ class Instance {
     uint32_t status() const { return status_; }
     ZynNativeHandle* handle() { return &handle_; }
     bool valid() const { return handle_ != nullptr; }
-
-    uint32_t process(Frame& in, Frame& out) {
-        ZynNativeInputFrame i = in.record();
-        ZynNativeInputFrame o = out.record();
-        const uint32_t status = ZynNativeVideoProcessingProcessFrame(&handle_, &i, &o);
-        lastTime_ = o.processingTime;
-        return status;
-    }
     uint32_t update(const std::string& json) {
         return ZynNativeVideoProcessingUpdateInstance(&handle_, json.c_str());
+    }
+    // Camera frames, or presentation frames (with `presentation`); the status of the first that
+    // fails, else 0.
+    uint32_t run(Frame& in, Frame& out, int count = 1, Frame* presentation = nullptr) {
+        for (int i = 0; i < count; ++i) {
+            ZynNativeInputFrame frames[2] = {in.record(), {}};
+            ZynNativeInputFrame o = out.record();
+            if (presentation != nullptr) {
+                frames[1] = presentation->record();
+            }
+            const uint32_t status =
+                presentation != nullptr
+                    ? ZynNativeVideoProcessingProcessPresentationFrame(&handle_, frames, &o)
+                    : ZynNativeVideoProcessingProcessFrame(&handle_, frames, &o);
+            lastTime_ = o.processingTime;
+            if (status != 0) {
+                return status;
+            }
+        }
+        return 0;
+    }
+    uint32_t process(Frame& in, Frame& out) { return run(in, out); }
+    uint32_t present(Frame& camera, Frame& slide, Frame& out, int count = 1) {
+        return run(camera, out, count, &slide);
     }
     float lastProcessingTime() const { return lastTime_; }
 
@@ -385,21 +329,25 @@ class Instance {
 };
 
 // Effect configurations. processingMode 2 is the CPU processing type 0 (ONNX Runtime).
+inline std::string EffectsConfig(const std::string& effects, int mode = 2) {
+    return R"({"processingMode": )" + std::to_string(mode) + R"(, "effects": [)" + effects + "]}";
+}
 inline std::string BlurConfig(int mode = 2) {
-    return R"({"processingMode": )" + std::to_string(mode) + R"(, "effects": [{"name": "blur"}]})";
+    return EffectsConfig(R"({"name": "blur"})", mode);
 }
 inline std::string BackgroundConfig(const std::string& file, int mode = 2) {
-    return R"({"processingMode": )" + std::to_string(mode) +
-           R"(, "effects": [{"name": "background", "backgroundFile": ")" + file + R"("}]})";
+    return EffectsConfig(R"({"name": "background", "backgroundFile": ")" + file + "\"}", mode);
 }
 inline std::string TouchUpConfig(const std::string& sigma, int mode = 2) {
-    return R"({"processingMode": )" + std::to_string(mode) +
-           R"(, "effects": [{"name": "touchUp", "touchUpSigma": ")" + sigma + R"("}]})";
+    return EffectsConfig(R"({"name": "touchUp", "touchUpSigma": ")" + sigma + "\"}", mode);
 }
 inline std::string BlurAndTouchUpConfig(const std::string& sigma) {
-    return R"({"processingMode": 2, "effects": [{"name": "blur"}, {"name": "touchUp", )"
-           R"("touchUpSigma": ")" +
-           sigma + R"("}]})";
+    return EffectsConfig(R"({"name": "blur"}, {"name": "touchUp", "touchUpSigma": ")" + sigma +
+                         "\"}");
+}
+// A presenter layout: `fields` follow the name, e.g. "mode": "overlay".
+inline std::string PresenterConfig(const std::string& fields) {
+    return EffectsConfig(R"({"name": "weatherman", )" + fields + "}");
 }
 
 }  // namespace engine_test
