@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -244,6 +245,60 @@ TEST(BackendLoad, OutcomeByBackendTypeAndModel) {
         EXPECT_EQ(backend->modelHeight, c.loads ? kH : 0u);
     }
     EXPECT_FALSE(OnnxRuntimeProcessing(2).setCachePath("/tmp"));  // it keeps no compiled model
+}
+
+// The compiled-model cache: one folder per model identity, <cache>/ov/<build, '_' for other than
+// [0-9A-Za-z.-]>_<64-bit FNV-1a (offset 14695981039346656037, prime 1099511628211) of "build\n
+// absolute path\nsize\nmtime ticks">, compiled into on the first load and reused, unchanged, on
+// the second. A missing or unusable plugin configuration falls back to the default plugins.
+TEST(OpenVinoCache, FolderPerModelIdentityFilledOnceAndReused) {
+    zyn_test::TempDir dir("zyn-ov-cache");
+    const auto folderOf = [&](const fs::path& model) {
+        std::string build = ov::get_openvino_version().buildNumber, identity = build;
+        std::replace_if(
+            build.begin(), build.end(),
+            [](char c) { return !std::isalnum(c) && c != '.' && c != '-'; }, '_');
+        identity += "\n" + model.string() + "\n" + std::to_string(fs::file_size(model)) + "\n" +
+                    std::to_string(fs::last_write_time(model).time_since_epoch().count());
+        uint64_t hash = 14695981039346656037ull;
+        for (const unsigned char c : identity) {
+            hash = (hash ^ c) * 1099511628211ull;
+        }
+        char hex[17];
+        std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(hash));
+        return dir / "cache" / "ov" / (build + "_" + hex);
+    };
+    std::map<fs::path, fs::file_time_type> files;
+    for (const char* name : {"a.winml", "a.winml", "b.winml"}) {
+        SCOPED_TRACE(name);
+        fs::copy_file(TestModel("exact_two_channel.onnx"), dir / name,
+                      fs::copy_options::skip_existing);
+        LogCapture log;
+        OpenVinoProcessing backend(3);
+        backend.setCachePath((dir / "cache").string());
+        ASSERT_TRUE(backend.loadModel((dir / name).string())) << log.dump();
+        EXPECT_TRUE(log.has(spdlog::level::info, "Cache dir " + folderOf(dir / name).string()));
+        decltype(files) now;
+        for (const auto& e : fs::recursive_directory_iterator(folderOf(dir / name))) {
+            now[e.path()] = e.last_write_time();
+        }
+        EXPECT_EQ(now == files, name == std::string("a.winml") && !files.empty())
+            << "a hit reads, a miss writes (and a first load writes something)";
+        files = now;
+    }
+    zyn_test::WriteFile(dir / "broken.xml", "<ie><plugins>");
+    for (const std::string file : {"missing.xml", "broken.xml"}) {
+        LogCapture log;
+        const auto devices =
+            OpenVinoProcessing::CreateCore((dir / file).string()).get_available_devices();
+        EXPECT_NE(std::find(devices.begin(), devices.end(), "CPU"), devices.end());
+        EXPECT_EQ(
+            log.countAt(spdlog::level::warn, "Plugin configuration " + (dir / file).string() +
+                                                 (file[0] == 'm' ? " not found" : " not usable") +
+                                                 ", using the default plugins"),
+            1u)
+            << log.dump();
+    }
 }
 
 TEST(OnnxRuntimeLoad, ModelsThatDoNotFitAndFramesThatDoNotFitAreRefused) {
