@@ -152,8 +152,7 @@ TEST_F(EvaluatorTest, LaunchFailureAndLostExitStatus) {
             zyn_test::WriteFile(missing, "#!/bin/sh\nexit 0\n");
             ::chmod(missing.c_str(), 0644);
         }
-        struct sigaction ignore {};
-        struct sigaction previous {};
+        struct sigaction ignore = {}, previous = {};
         ignore.sa_handler = c.ignoreChildren ? SIG_IGN : SIG_DFL;
         ASSERT_EQ(::sigaction(SIGCHLD, &ignore, &previous), 0);
         LogCapture log;
@@ -178,8 +177,7 @@ TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
     EXPECT_TRUE(log.has(spdlog::level::err,
                         "VBG eval process is still running, possible race condition or deadlock"))
         << log.dump();
-    // The evaluator is gone and reaped; what it started runs no more (it may wait as a zombie
-    // for whichever process adopted it).
+    // The evaluator is reaped; what it started runs no more (it may be a zombie of its adopter).
     const auto pid = zyn_test::ReadLines(standIn.dir() / "pid.txt");
     const auto child = zyn_test::ReadLines(standIn.dir() / "child.txt");
     ASSERT_EQ(pid.size() + child.size(), 2u);
@@ -195,7 +193,7 @@ TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
     EXPECT_FALSE(childRuns()) << "what the evaluator started still runs";
 }
 
-// Engines whose init (or, with throwInInit false, presenter set-up) throws; destructions counted.
+// Engines whose init (or else presenter set-up) throws, counted when freed.
 std::atomic<int> enginesFreed{0};
 std::atomic<bool> throwInInit{false};
 struct ThrowingEngine : VBG::VirtualBackgroundImplYuv {
@@ -209,8 +207,8 @@ struct ThrowingEngine : VBG::VirtualBackgroundImplYuv {
     }
 };
 
-// The create export with no engine made: status 0 when the automatic create (mode 3, no selection,
-// no evaluation) finds nothing, status 3 and the engine freed when it throws; the handle null.
+// The create export without an engine: 0 when the automatic create finds none, 3 and the engine
+// freed when it throws; the handle null.
 TEST_F(EvaluatorTest, CreateExportLeavesTheHandleNullWhenNoEngineIsMade) {
     VirtualBackground::SetEngineMakerForTesting(
         [](uint32_t pt) -> VirtualBackground* { return new ThrowingEngine(pt); });
