@@ -1,9 +1,7 @@
-// Effect configuration texts through the create and update exports: the input is the create text,
-// optionally followed by a NUL byte and the update text. Statuses and handles must agree whatever
-// the text: a create leaves a handle exactly when it reports success or a rejected presenter
-// update (in automatic mode without a stored selection success may also leave none), and a failed
-// update always takes the instance away. A surviving instance processes one camera frame and one
-// presentation frame, so that its settings (feedback requests included) are applied too.
+// Effect configuration texts through the create and update exports (the create text, optionally a
+// NUL byte and the update text): a create leaves a handle exactly when it reports success or a
+// rejected presenter update (or success without a stored selection), a failed update always takes
+// the instance away, and a surviving instance processes a camera and a presentation frame.
 #include <rapidjson/document.h>
 
 #include <cstring>
@@ -27,15 +25,11 @@ struct Nv12Frame {
     ZynNativeInputFrame record;
 };
 
-void RequireFrameStatus(uint32_t status) {
-    Require(status == ZYN_STATUS_SUCCESS || status == ZYN_STATUS_FRAME_FAILED);
-}
-
-// A 64 x 36 camera frame alone, then with a 64 x 36 presentation into an output of the size the
-// instance asks for.
+// A camera frame alone, then with a presentation into an output of the size the instance asks.
 void ProcessFrames(ZynNativeHandle* handle) {
     static Nv12Frame camera(64, 36, 128), out(64, 36, 0), presentation(64, 36, 200);
-    RequireFrameStatus(ZynNativeVideoProcessingProcessFrame(handle, &camera.record, &out.record));
+    // Each frame is processed (0) or refused (2).
+    Require((ZynNativeVideoProcessingProcessFrame(handle, &camera.record, &out.record) | 2) == 2);
     uint32_t ow = 64, oh = 36;
     if (ZynNativeVideoProcessingGetOutputFrameSize(handle, &ow, &oh) &&
         (ow == 0 || oh == 0 || ow > 4096 || oh > 4096)) {
@@ -43,12 +37,11 @@ void ProcessFrames(ZynNativeHandle* handle) {
     }
     Nv12Frame output(ow, oh, 0);
     const ZynNativeInputFrame frames[2] = {camera.record, presentation.record};
-    RequireFrameStatus(
-        ZynNativeVideoProcessingProcessPresentationFrame(handle, frames, &output.record));
+    Require((ZynNativeVideoProcessingProcessPresentationFrame(handle, frames, &output.record) |
+             2) == 2);
 }
 
-// Whether the text names its feedback dump by something other than a plain file name, which
-// could place it outside the scratch folder.
+// Whether the text's feedback dump name is not a plain file name (it could leave the scratch).
 bool UnsafeId(const std::string& text) {
     rapidjson::Document doc;
     if (VBG::Json::ParseText(text.c_str(), doc) != VBG::Json::ParseResult::Ok || !doc.IsObject() ||

@@ -1,8 +1,6 @@
-// What the fuzz targets share: a quiet log, a scratch folder removed at exit, and for the targets
-// that go through the exported functions the library initialised once with the real model, a
-// fresh stored processing-type selection (so that no evaluator program runs) and background files
-// in its cache folder. The first engine is of processing mode 8 (ONNX Runtime on the CPU), so that
-// the one process-wide inference backend is that one for the whole run.
+// What the fuzz targets share: a quiet log, a scratch folder removed at exit, and the library
+// initialised once with the real model, a fresh stored selection (no evaluator program runs) and
+// background files in its cache; the first engine, of mode 8, fixes the process-wide backend.
 #pragma once
 
 #include <spdlog/spdlog.h>
@@ -34,9 +32,7 @@ inline const fs::path& Scratch() {
     static const fs::path dir = [] {
         spdlog::set_level(spdlog::level::off);
         std::string pattern = (fs::temp_directory_path() / "zynfuzz.XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            std::abort();
-        }
+        Require(mkdtemp(pattern.data()) != nullptr);
         std::atexit([] {
             std::error_code ec;
             fs::remove_all(Scratch(), ec);
@@ -50,15 +46,12 @@ inline fs::path CacheFolder() {
     return Scratch() / "cache";
 }
 
-// ZYN_FUZZ_NO_SELECTION=1: no stored selection, so creates in automatic mode find none (and the
-// evaluation started by initialisation finds no evaluator program beside the target).
+// ZYN_FUZZ_NO_SELECTION=1: no stored selection, so automatic creates find none.
 inline bool NoStoredSelection() {
-    const char* value = std::getenv("ZYN_FUZZ_NO_SELECTION");
-    return value != nullptr && std::string(value) == "1";
+    return std::string(std::getenv("ZYN_FUZZ_NO_SELECTION") ?: "") == "1";
 }
 
-// A selection of the processing type of mode 8, stored now.
-inline void StoreFreshSelection() {
+inline void StoreFreshSelection() {  // of the type of mode 8, now
     if (!NoStoredSelection()) {
         WriteText(
             CacheFolder() / "PT_CONFIG.json",
@@ -73,13 +66,14 @@ inline void InitLibraryOnce() {
         StoreFreshSelection();
         // Background files effect configurations may name: seed pictures and a short video.
         const fs::path seeds = fs::path(ZYN_SOURCE_DIR) / "fuzz" / "corpus" / "picture_decoder";
-        for (const char* copy : {"scene.png bg.png", "scene.jpg bg.jpg", "anim.gif anim.gif",
-                                 "still.gif still.gif", "gray.png room.png"}) {
-            const std::string names = copy;
+        for (const auto& [from, to] : {std::pair<const char*, const char*>{"scene.png", "bg.png"},
+                                       {"scene.jpg", "bg.jpg"},
+                                       {"anim.gif", "anim.gif"},
+                                       {"still.gif", "still.gif"},
+                                       {"gray.png", "room.png"}}) {
             std::error_code ec;
-            fs::copy_file(seeds / names.substr(0, names.find(' ')),
-                          CacheFolder() / names.substr(names.find(' ') + 1),
-                          fs::copy_options::overwrite_existing, ec);
+            fs::copy_file(seeds / from, CacheFolder() / to, fs::copy_options::overwrite_existing,
+                          ec);
         }
         std::system(
             ("ffmpeg -loglevel error -nostdin -y -f lavfi -i color=c=blue:s=64x36:r=10:d=0.5 "
@@ -93,12 +87,10 @@ inline void InitLibraryOnce() {
         const bool initialised = ZynNativeVideoProcessingInit(config.c_str());
         VBG::ProcessingTypeEvaluator::WaitForEvaluationToComplete();
         ZynNativeHandle first = nullptr;
-        if (!initialised ||
-            ZynNativeVideoProcessingCreateInstance(
-                R"({"processingMode": 8, "effects": [{"name": "blur"}]})", &first) != 0 ||
-            first == nullptr) {
-            std::abort();
-        }
+        Require(initialised &&
+                ZynNativeVideoProcessingCreateInstance(
+                    R"({"processingMode": 8, "effects": [{"name": "blur"}]})", &first) == 0 &&
+                first != nullptr);
         ZynNativeVideoProcessingDestroyInstance(&first);
         // Initialisation turned the log on; records cost nothing per input once it is off again.
         spdlog::default_logger()->set_level(spdlog::level::off);

@@ -1,7 +1,6 @@
-// The library configuration file: arbitrary bytes written to a file and read with
-// ConfigParser::SetConfig. A file is accepted exactly when it is a JSON object of at most 64 KiB,
-// nested at most 32 levels deep, whose "modelsPath", "logPath" and "fileCachePath" are non-empty
-// strings, and the folders stored are then those strings byte for byte (embedded NULs included).
+// The library configuration file through ConfigParser::SetConfig: accepted exactly when it is a
+// JSON object of at most 64 KiB, nested at most 32 deep, whose "modelsPath", "logPath" and
+// "fileCachePath" are non-empty strings, then stored byte for byte (embedded NULs included).
 #include <rapidjson/document.h>
 
 #include <algorithm>
@@ -11,7 +10,6 @@
 
 namespace {
 
-// The non-empty string value of `key`, or "".
 std::string NonEmptyString(const rapidjson::Document& doc, const char* key) {
     const auto it = doc.FindMember(key);
     return it == doc.MemberEnd() || !it->value.IsString()
@@ -19,8 +17,7 @@ std::string NonEmptyString(const rapidjson::Document& doc, const char* key) {
                : std::string(it->value.GetString(), it->value.GetStringLength());
 }
 
-// The deepest nesting of brackets outside strings: a valid text's depth, or at least the depth a
-// parser reaches before it stops.
+// The deepest nesting of brackets outside strings (at least what a parser reaches before it stops).
 int BracketDepth(const std::string& text) {
     int depth = 0, deepest = 0;
     bool inString = false, escaped = false;
@@ -51,9 +48,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool bounded = size <= 65536 && BracketDepth(text) <= 32;
     const bool object =
         bounded && !doc.Parse(text.c_str(), text.size()).HasParseError() && doc.IsObject();
-    const std::string models = object ? NonEmptyString(doc, "modelsPath") : "";
-    const std::string log = object ? NonEmptyString(doc, "logPath") : "";
-    const std::string cache = object ? NonEmptyString(doc, "fileCachePath") : "";
+    const std::string models = object ? NonEmptyString(doc, "modelsPath") : "",
+                      log = object ? NonEmptyString(doc, "logPath") : "",
+                      cache = object ? NonEmptyString(doc, "fileCachePath") : "";
     zyn_fuzz::Require(accepted == (!models.empty() && !log.empty() && !cache.empty()));
     zyn_fuzz::Require(!accepted || (VBG::ConfigParser::ModelsPath() == models &&
                                     VBG::ConfigParser::LogPath() == log &&

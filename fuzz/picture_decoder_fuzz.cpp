@@ -1,7 +1,6 @@
-// Arbitrary bytes through the in-memory picture decoder (PNG, JPEG, GIF with all its frames), with
-// smaller limits than the library's so that each input stays cheap. A decoded picture must be
-// consistent with its limits and must crop and scale like any background; a failure leaves no
-// frames behind.
+// Bytes through the in-memory picture decoder (PNG, JPEG, every GIF frame) with smaller limits than
+// the library's: a decoded picture keeps within them and crops and scales like any background; a
+// failure leaves no frames.
 #include <vector>
 
 #include "fuzz_library.h"
@@ -12,11 +11,8 @@ using zyn_fuzz::Require;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)zyn_fuzz::Scratch();  // the log off
-    VBG::Media::PictureLimits limits;
-    limits.maxSide = 4096;
-    limits.maxPixels = 2048 * 2048;
-    limits.maxFrames = 64;
-    limits.maxTotalBytes = size_t{64} << 20;
+    // Side, pixels, frames, bytes of all frames (the largest file read as the library's).
+    const VBG::Media::PictureLimits limits{4096, 2048 * 2048, 64, size_t{64} << 20};
     VBG::Media::DecodedPicture picture;
     if (VBG::Media::DecodePicture(VBG::Media::MediaSource::Memory(data, size), true, picture,
                                   limits) != 0) {

@@ -1,10 +1,8 @@
-// Frame records through the process-frame export of one instance (blur with touch-up): the input
-// decides the size (odd and tiny ones included), the formats of the input and output records, the
-// row padding of every plane, a missing plane, a too short stride, another output size, and
-// processing in place; the rest of it is the picture. Every plane is allocated exactly as long as
-// its record says, so that the address checker catches a byte read or written past it. A record
-// that covers its size must be processed (status 0) without touching the padding after each output
-// row; any other must be refused with status 2 and the output left as it was.
+// Frame records through the process-frame export (blur, touch-up): the input decides sizes,
+// formats, row padding, a missing plane, a short stride, another output size, in place; the rest is
+// the picture. Planes are exactly as long as their records say. A record covering its size gets
+// status 0 with the padding after each output row untouched; any other status 2 and the output
+// untouched.
 #include <algorithm>
 #include <array>
 #include <vector>
@@ -29,7 +27,6 @@ struct Plane {
     std::vector<uint8_t> bytes;
     uint32_t rowBytes = 0, stride = 0;
 };
-
 struct FrameUnderTest {
     ZynNativeInputFrame record;
     std::array<Plane, 3> planes;
@@ -58,19 +55,12 @@ FrameUnderTest MakeFrame(Reader& in, uint32_t w, uint32_t h, uint32_t format, bo
         const uint32_t pad = in.byte() % 33, r = rowBytes[p];
         strides[p] = p != shortPlane ? r + pad : r > 0 ? r - 1 - std::min(pad, r - 1) : 0;
         f.planes[p] = {std::vector<uint8_t>(size_t{strides[p]} * rows[p]), r, strides[p]};
-        pointers[p] = p == missing ? nullptr : f.planes[p].bytes.data();
+        pointers[p] = p == missing || p == planes ? nullptr : f.planes[p].bytes.data();
     }
-    // NV12 has no third plane: its fields carry whatever the host left there.
-    f.record = {w,
-                h,
-                format,
-                pointers[0],
-                strides[0],
-                pointers[1],
-                strides[1],
-                nv12 ? nullptr : pointers[2],
-                nv12 ? in.byte() : strides[2],
-                0};
+    // NV12 has no third plane: its stride carries whatever the host left there.
+    const uint32_t thirdStride = nv12 ? in.byte() : strides[2];
+    f.record = {w,           h,          format,      pointers[0], strides[0],
+                pointers[1], strides[1], pointers[2], thirdStride, 0};
     return f;
 }
 
@@ -91,13 +81,11 @@ bool Untouched(const FrameUnderTest& f, bool paddingOnly) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     zyn_fuzz::InitLibraryOnce();
-    if (ZynNativeVideoProcessingCreateInstance(
-            R"({"processingMode": 8, "effects": [{"name": "blur"}, )"
-            R"({"name": "touchUp", "touchUpSigma": "0.5"}]})",
-            &instance) != ZYN_STATUS_SUCCESS ||
-        instance == nullptr) {
-        std::abort();
-    }
+    Require(ZynNativeVideoProcessingCreateInstance(
+                R"({"processingMode": 8, "effects": [{"name": "blur"}, )"
+                R"({"name": "touchUp", "touchUpSigma": "0.5"}]})",
+                &instance) == ZYN_STATUS_SUCCESS &&
+            instance != nullptr);
     std::atexit([] {
         ZynNativeVideoProcessingDestroyInstance(&instance);
         ZynNativeVideoProcessingShutdownInstance();
@@ -124,13 +112,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         MakeFrame(in, outWidth, outHeight, FormatOf(flags >> 2, rawFormats >> 4),
                   shortStride && !shortIn, missingOut);
     const size_t restSize = size - std::min(in.at, size);
-    for (Plane& plane : input.planes) {
-        for (size_t i = 0; i < plane.bytes.size(); ++i) {
-            plane.bytes[i] = restSize > 0 ? data[in.at + i % restSize] : 128;
+    for (int p = 0; p < 3; ++p) {
+        std::vector<uint8_t>& bytes = input.planes[p].bytes;
+        for (size_t i = 0; i < bytes.size(); ++i) {
+            bytes[i] = restSize > 0 ? data[in.at + i % restSize] : 128;
         }
-    }
-    for (Plane& plane : output.planes) {
-        std::fill(plane.bytes.begin(), plane.bytes.end(), kUntouched);
+        std::fill(output.planes[p].bytes.begin(), output.planes[p].bytes.end(), kUntouched);
     }
     const bool processed =
         input.usable && output.usable && outWidth == width && outHeight == height;

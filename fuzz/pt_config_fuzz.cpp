@@ -1,8 +1,6 @@
-// "PT_CONFIG.json", the stored processing-type selection: arbitrary bytes in the file, read by
-// ProcessingTypeInitializer, and the age check of what was read. A selection is valid exactly when
-// it names a type other than Auto; the age check reads the stored time as a decimal integer (or
-// raises the two errors std::stoll raises), and a selection is elapsed once 721 whole hours have
-// passed, without overflow at the ends of the time range.
+// "PT_CONFIG.json" read by ProcessingTypeInitializer and its age check: valid exactly when it names
+// a type other than Auto; the time read as std::stoll reads it (or its two errors), elapsed once
+// 721 whole hours have passed, without overflow at the ends of the range.
 #include <limits>
 #include <stdexcept>
 

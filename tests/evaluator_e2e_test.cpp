@@ -23,8 +23,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Runs `body` in a forked child with its output kept in `scratch`; the child's exit code is
-// body's result, -1 when it did not end normally (an alarm ends it after four minutes).
+// Runs `body` in a forked child (output kept in `scratch`): its result, -1 if it did not end
+// normally.
 int RunInChild(const std::function<int()>& body, const fs::path& scratch, std::string& output) {
     const fs::path file = scratch / "child-output.txt";
     std::fflush(nullptr);
@@ -44,7 +44,6 @@ int RunInChild(const std::function<int()>& body, const fs::path& scratch, std::s
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Exit code of the evaluator program run with `args`.
 int RunEvaluator(std::vector<std::string> args, const fs::path& scratch, std::string& output) {
     args.insert(args.begin(),
                 (zyn_test::LibraryPath().parent_path() / "EvalVBGProcessingType").string());
@@ -127,20 +126,12 @@ int StartCreateAndProcess(const fs::path& config, const char* json) {
     if (library.Create(json, &handle) != ZYN_STATUS_SUCCESS || handle == nullptr) {
         return 102;
     }
-    std::vector<uint8_t> in(640 * 540, 128), out(640 * 540);
+    std::vector<uint8_t> in(640 * 540, 128), out(640 * 540);  // NV12 (format 1) frames
     for (size_t i = 0; i < 640 * 360; ++i) {
         in[i] = static_cast<uint8_t>(16 + (i % 640 + i / 640) % 200);  // luma; then chroma
     }
-    ZynNativeInputFrame frame{};
-    frame.width = 640;
-    frame.height = 360;
-    frame.format = ZYN_FORMAT_NV12;
-    frame.stride0 = frame.stride1 = 640;
-    ZynNativeInputFrame output = frame;
-    frame.plane0 = in.data();
-    frame.plane1 = in.data() + 640 * 360;
-    output.plane0 = out.data();
-    output.plane1 = out.data() + 640 * 360;
+    ZynNativeInputFrame frame{640, 360, 1, in.data(), 640, &in[640 * 360], 640, nullptr, 0, 0};
+    ZynNativeInputFrame output{640, 360, 1, out.data(), 640, &out[640 * 360], 640, nullptr, 0, 0};
     if (library.ProcessFrame(&handle, &frame, &output) != ZYN_STATUS_SUCCESS) {
         return 104;
     }
@@ -162,9 +153,9 @@ TEST(LibraryStart, FirstStartEvaluatesLaterStartsReuseTheSelection) {
                                     "\", \"fileCachePath\": \"" + cache.string() + "\"}");
     constexpr const char* kAutomatic = R"({"processingMode": 3, "effects": [{"name": "blur"}]})";
 
-    // First start on a fresh cache: the automatic create waits for the evaluation and uses what it
-    // stored. The host loaded the library by a relative name and changed its current folder
-    // afterwards: the evaluator is still found from the library's own place.
+    // First start: the automatic create waits for the evaluation and uses its result; the library
+    // loaded by a relative name, the folder changed: the evaluator is found from the library's
+    // place.
     std::string output;
     const int first = RunInChild(
         [&] {
@@ -184,9 +175,8 @@ TEST(LibraryStart, FirstStartEvaluatesLaterStartsReuseTheSelection) {
     ASSERT_TRUE(type == "OpenVinoCpu" || type == "OnnxRuntimeCpu") << type;
     EXPECT_EQ(first, type == "OpenVinoCpu" ? 3 : 2) << output;
 
-    // Later starts within 720 hours run no evaluator, so the file stays the very same file (the
-    // evaluator always puts a new one in place). Processing mode 1 (GPU) falls back to the CPU
-    // engine, type 0.
+    // Later starts run no evaluator (which always puts a new file in place); mode 1 (GPU) falls
+    // back to the CPU engine, type 0.
     struct stat before {};
     ASSERT_EQ(stat(selection.c_str(), &before), 0);
     const std::string content = zyn_test::ReadFile(selection);

@@ -1,6 +1,5 @@
-// The inference backends: shared tables and instance; exact masks on small models of known
-// arithmetic; the real model on a portrait (its mask, its independence of the ONNX Runtime
-// session's threads, the two backends' agreement).
+// The inference backends: shared tables and instance, the OpenVINO cache, exact masks of small
+// models; the real model on a portrait (its mask, session threads, the two backends agreeing).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -191,8 +191,7 @@ TEST(OnnxRuntimeKernels, PlanarInputAndSmoothingByKnownAnswers) {
     }
 }
 
-// Loads by backend, processing type and model: the record a load leaves (an error for a refused
-// one) and the model's shape once bound.
+// Loads by backend, type and model: the record left (an error if refused), the shape once bound.
 TEST(BackendLoad, OutcomeByBackendTypeAndModel) {
     const auto devices = ov::Core().get_available_devices();
     const bool gpu = std::find(devices.begin(), devices.end(), "GPU") != devices.end() ||
@@ -246,6 +245,59 @@ TEST(BackendLoad, OutcomeByBackendTypeAndModel) {
     EXPECT_FALSE(OnnxRuntimeProcessing(2).setCachePath("/tmp"));  // it keeps no compiled model
 }
 
+// The compiled-model cache: a folder per model, <cache>/ov/<build, '_' for not
+// [0-9A-Za-z.-]>_<FNV-1a of "build\npath\nsize\nmtime">, filled on a first load, reused unchanged
+// on the second. A missing or unusable plugin configuration falls back to the default plugins.
+TEST(OpenVinoCache, FolderPerModelIdentityFilledOnceAndReused) {
+    zyn_test::TempDir dir("zyn-ov-cache");
+    const auto folderOf = [&](const fs::path& model) {
+        std::string build = ov::get_openvino_version().buildNumber, identity = build;
+        std::replace_if(
+            build.begin(), build.end(),
+            [](char c) { return !std::isalnum(c) && c != '.' && c != '-'; }, '_');
+        identity += "\n" + model.string() + "\n" + std::to_string(fs::file_size(model)) + "\n" +
+                    std::to_string(fs::last_write_time(model).time_since_epoch().count());
+        uint64_t hash = 14695981039346656037ull;
+        for (const unsigned char c : identity) {
+            hash = (hash ^ c) * 1099511628211ull;
+        }
+        char hex[17];
+        std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(hash));
+        return dir / "cache" / "ov" / (build + "_" + hex);
+    };
+    std::map<fs::path, fs::file_time_type> files;
+    for (const char* name : {"a.winml", "a.winml", "b.winml"}) {
+        SCOPED_TRACE(name);
+        fs::copy_file(TestModel("exact_two_channel.onnx"), dir / name,
+                      fs::copy_options::skip_existing);
+        LogCapture log;
+        OpenVinoProcessing backend(3);
+        backend.setCachePath((dir / "cache").string());
+        ASSERT_TRUE(backend.loadModel((dir / name).string())) << log.dump();
+        EXPECT_TRUE(log.has(spdlog::level::info, "Cache dir " + folderOf(dir / name).string()));
+        decltype(files) now;
+        for (const auto& e : fs::recursive_directory_iterator(folderOf(dir / name))) {
+            now[e.path()] = e.last_write_time();
+        }
+        EXPECT_EQ(now == files, name == std::string("a.winml") && !files.empty())
+            << "a hit reads, a miss writes (and a first load writes something)";
+        files = now;
+    }
+    zyn_test::WriteFile(dir / "broken.xml", "<ie><plugins>");
+    for (const std::string file : {"missing.xml", "broken.xml"}) {
+        LogCapture log;
+        const std::string path = (dir / file).string();
+        const auto devices = OpenVinoProcessing::CreateCore(path).get_available_devices();
+        EXPECT_NE(std::find(devices.begin(), devices.end(), "CPU"), devices.end());
+        EXPECT_EQ(
+            log.countAt(spdlog::level::warn, "Plugin configuration " + path +
+                                                 (file[0] == 'm' ? " not found" : " not usable") +
+                                                 ", using the default plugins"),
+            1u)
+            << log.dump();
+    }
+}
+
 TEST(OnnxRuntimeLoad, ModelsThatDoNotFitAndFramesThatDoNotFitAreRefused) {
     zyn_test::TempDir dir("zyn-ort");
     const std::string missing = (dir / "no_such_model.onnx").string();
@@ -265,8 +317,7 @@ TEST(OnnxRuntimeLoad, ModelsThatDoNotFitAndFramesThatDoNotFitAreRefused) {
     EXPECT_FALSE(backend.runModel(image.data(), 0, kH, &state));
     EXPECT_EQ(log.countAt(spdlog::level::err, "Error: "), 6u) << log.dump();
 
-    // A model without the previous-mask channel is refused at bind, which drops the earlier
-    // binding: running is refused, not attempted on tensors of another model.
+    // A model without the previous-mask channel is refused at bind, dropping the earlier binding.
     log.clear();
     ASSERT_TRUE(backend.loadModel(TestModel("three_input_channels.onnx")));
     EXPECT_FALSE(backend.bindModel());
@@ -291,8 +342,7 @@ TEST(OnnxRuntimeRun, ExactMaskFrameAfterFrameFromOutputChannelOne) {
         auto backend = std::make_unique<OnnxRuntimeProcessing>(type);
         ASSERT_TRUE(backend->loadBindModel(TestModel(model)));
         auto state = backend->createState();
-        // The previous mask (fourth input channel) starts at zero, then the smoothed mask of each
-        // frame goes back in.
+        // The previous mask (fourth input channel) starts at zero, then each smoothed one goes in.
         for (int frame = 0; frame < 3; ++frame) {
             const auto prev = PrevMask(*state);
             ASSERT_TRUE(backend->runModel(image.data(), kW, kH, state.get()));
@@ -353,9 +403,8 @@ TEST_F(OnnxRuntimeRealModel, MaskCoversThePersonAndNotTheBackground) {
     }
 }
 
-// The CPU session runs sequentially on the frame's thread without spinning pools; the runtime's
-// obvious set-up (parallel execution, default thread pools) must give the same masks bit for
-// bit, frame after frame with the mask fed back.
+// The sequential CPU session without spinning pools gives the masks of the runtime's obvious
+// set-up (parallel execution, default pools) bit for bit, frame after frame.
 TEST_F(OnnxRuntimeRealModel, MaskIsBitIdenticalToTheParallelSessionWithDefaultPools) {
     const int32_t n = static_cast<int32_t>(backend.modelPixelCount);
     Ort::SessionOptions parallel;
@@ -376,13 +425,11 @@ TEST_F(OnnxRuntimeRealModel, MaskIsBitIdenticalToTheParallelSessionWithDefaultPo
                                                           outShape.data(), outShape.size());
     const char* const inName[] = {"input"};
     const char* const outName[] = {"output"};
-
     std::vector<float> prev(n, 0.0f);
     std::vector<uint8_t> mask(n);
     for (int frame = 0; frame < 4; ++frame) {
         SCOPED_TRACE(frame);
         ASSERT_TRUE(backend.runModel(picture.data(), 512, 288, state.get())) << log.dump();
-        // The model-sized picture the backend ran on.
         OnnxRuntimeProcessing::FillPlanarInput(backend.getInputBuffer(), prev.data(), n,
                                                input.data());
         session.Run(Ort::RunOptions{nullptr}, inName, &inValue, 1, outName, &outValue, 1);
@@ -413,8 +460,7 @@ TEST(OpenVinoRun, RawByteMaskAndSmoothedPrevMaskFrameAfterFrame) {
         auto state = backend.createState();
         std::fill_n(state->prevMask.get(), state->size, 0.5f);
         for (int frame = 0; frame < 2; ++frame) {
-            const std::vector<float> prev(state->prevMask.get(),
-                                          state->prevMask.get() + state->size);
+            const std::vector<float> prev = PrevMask(*state);
             ASSERT_TRUE(backend.runModel(image.data(), kW, kH, state.get()));
             for (int32_t p = 0; p < state->size; ++p) {
                 const double f = ModelF(&image[p * 4], fedBack ? prev[p] : 0.0);
@@ -437,8 +483,7 @@ TEST(OpenVinoAgainstOnnxRuntime, SameMasksOnRealPictures) {
     OnnxRuntimeProcessing onnxRuntime(2);
     ASSERT_TRUE(openVino.loadBindModel(model));
     ASSERT_TRUE(onnxRuntime.loadBindModel(model));
-    const uint32_t w = openVino.modelWidth;
-    const uint32_t h = openVino.modelHeight;
+    const uint32_t w = openVino.modelWidth, h = openVino.modelHeight;
     ASSERT_EQ(onnxRuntime.modelWidth, w);
     ASSERT_EQ(onnxRuntime.modelHeight, h);
     zyn_test::TempDir dir("zyn-ov-pictures");

@@ -7,12 +7,13 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "config/vbg_settings.h"
-#include "engine/virtual_background.h"
+#include "engine/virtual_background_impl_cpu_yuv.h"
 #include "support/evaluator_stand_in.h"
 #include "support/log_capture.h"
 #include "util/text.h"
@@ -151,8 +152,7 @@ TEST_F(EvaluatorTest, LaunchFailureAndLostExitStatus) {
             zyn_test::WriteFile(missing, "#!/bin/sh\nexit 0\n");
             ::chmod(missing.c_str(), 0644);
         }
-        struct sigaction ignore {};
-        struct sigaction previous {};
+        struct sigaction ignore = {}, previous = {};
         ignore.sa_handler = c.ignoreChildren ? SIG_IGN : SIG_DFL;
         ASSERT_EQ(::sigaction(SIGCHLD, &ignore, &previous), 0);
         LogCapture log;
@@ -177,8 +177,7 @@ TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
     EXPECT_TRUE(log.has(spdlog::level::err,
                         "VBG eval process is still running, possible race condition or deadlock"))
         << log.dump();
-    // The evaluator is gone and reaped; what it started runs no more (it may wait as a zombie
-    // for whichever process adopted it).
+    // The evaluator is reaped; what it started runs no more (it may be a zombie of its adopter).
     const auto pid = zyn_test::ReadLines(standIn.dir() / "pid.txt");
     const auto child = zyn_test::ReadLines(standIn.dir() / "child.txt");
     ASSERT_EQ(pid.size() + child.size(), 2u);
@@ -192,6 +191,51 @@ TEST_F(EvaluatorTest, HungEvaluatorIsKilledWithWhatItStartedAndReaped) {
         std::this_thread::sleep_for(10ms);
     }
     EXPECT_FALSE(childRuns()) << "what the evaluator started still runs";
+}
+
+// Engines whose init (or else presenter set-up) throws, counted when freed.
+std::atomic<int> enginesFreed{0};
+std::atomic<bool> throwInInit{false};
+struct ThrowingEngine : VBG::VirtualBackgroundImplYuv {
+    using VirtualBackgroundImplYuv::VirtualBackgroundImplYuv;
+    ~ThrowingEngine() override { ++enginesFreed; }
+    int init(const VBGSettings&, uint32_t, uint32_t) override {
+        return throwInInit ? throw std::runtime_error("init threw") : 0;
+    }
+    bool updateWeatherman(const ZynNativeWeathermanSettings&) override {
+        throw std::runtime_error("presenter set-up threw");
+    }
+};
+
+// The create export without an engine: 0 when the automatic create finds none, 3 and the engine
+// freed when it throws; the handle null.
+TEST_F(EvaluatorTest, CreateExportLeavesTheHandleNullWhenNoEngineIsMade) {
+    VirtualBackground::SetEngineMakerForTesting(
+        [](uint32_t pt) -> VirtualBackground* { return new ThrowingEngine(pt); });
+    for (const int mode : {3, 2}) {
+        for (const bool presenter : {false, true}) {
+            SCOPED_TRACE(std::to_string(mode) + (presenter ? " with presenter" : ""));
+            const std::string json =
+                R"({"processingMode": )" + std::to_string(mode) + R"(, "effects": [)" +
+                (presenter ? R"({"name": "weatherman", "mode": "overlay", "weathermanAlpha": )"
+                             R"("0.9", "weathermanSize": "0.5", "weathermanOffsetX": "0.25", )"
+                             R"("weathermanOffsetY": "0"}]})"
+                           : R"({"name": "blur"}]})");
+            throwInInit = !presenter;
+            enginesFreed = 0;
+            LogCapture log;
+            ZynNativeHandle handle = reinterpret_cast<ZynNativeHandle>(0x1);
+            EXPECT_EQ(ZynNativeVideoProcessingCreateInstance(json.c_str(), &handle),
+                      mode == 3 ? 0u : 3u);
+            EXPECT_EQ(handle, nullptr);
+            EXPECT_EQ(enginesFreed.load(), mode == 3 ? 0 : 1);
+            EXPECT_TRUE(log.has(spdlog::level::err, mode == 3   ? "createAutoZynNative failed"
+                                                    : presenter ? "presenter set-up threw"
+                                                                : "init threw"))
+                << log.dump();
+        }
+    }
+    VirtualBackground::SetEngineMakerForTesting(nullptr);
 }
 
 // The automatic create: the stored type if it works, else (for auto only) the first type of the

@@ -1,5 +1,4 @@
-// The zynvbg command-line tool run as a user runs it: the built binary as a child process, on
-// generated media, with the real library beside it.
+// The zynvbg tool as a user runs it: the built binary, on generated media, with the real library.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -8,6 +7,7 @@
 #include <cmath>
 #include <ctime>
 #include <filesystem>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -32,11 +32,7 @@ std::ostream& operator<<(std::ostream& os, const RunResult& r) {
 RunResult Shell(const Args& args, const fs::path& dir) {
     std::string command;
     for (const std::string& arg : args) {
-        command += " '";
-        for (const char c : arg) {
-            command += c == '\'' ? std::string("'\\''") : std::string(1, c);
-        }
-        command += "'";
+        command += " '" + std::regex_replace(arg, std::regex("'"), "'\\''") + "'";
     }
     const fs::path out = dir / "stdout", err = dir / "stderr";
     const int status =
@@ -46,8 +42,7 @@ RunResult Shell(const Args& args, const fs::path& dir) {
 
 using Box = std::array<int, 4>;  // x, y, width, height
 
-// A decoded RGB frame: a box's mean colour and the standard deviation of its green, a stand-in
-// for detail.
+// A decoded RGB frame: a box's mean colour and its green's standard deviation (for detail).
 struct Rgb {
     int width;
     std::string pixels;
@@ -77,9 +72,8 @@ const std::array<double, 4> kMagenta = {255, 0, 255};
 // The mask is smoothed over time from an empty start: the person has faded in by the third frame.
 constexpr size_t kFadeInFrames = 2;
 
-// Each test in its own work folder (library configuration, logs/ and cache/), which starts with a
-// stored processing-type selection as on a machine where the evaluator program has already run;
-// otherwise every run would start the evaluator, still running when the tool exits.
+// Each test in its own work folder, with a stored selection as where the evaluator program has
+// run (else every run would start it, still running when the tool exits).
 class Zynvbg : public testing::Test {
   protected:
     Zynvbg() {
@@ -215,11 +209,7 @@ TEST_F(Zynvbg, FailuresExitWithTheirCodeAndOneLine) {
              path("work/logs/ZYNNativeVBG.log") + ")"},
     };
     for (const auto& c : cases) {
-        std::string shown;
-        for (const auto& a : c.args) {
-            shown += " " + a;
-        }
-        SCOPED_TRACE("zynvbg" + shown);
+        SCOPED_TRACE(testing::PrintToString(c.args));
         const RunResult r = zynvbg(c.args);
         EXPECT_EQ(r.code, c.code) << r;
         EXPECT_EQ(r.err.rfind("zynvbg: ", 0), 0u) << r;
@@ -264,8 +254,8 @@ TEST_F(Zynvbg, SwitchAtChangesTheEffectFromThatFrameOn) {
     }
 }
 
-// The conference room layout into uncompressed I420: the room picture's size, the room at the
-// top-left corner, the presentation filling 75% of it right of centre at the top.
+// The conference room layout into I420: the room picture's size, the room top left, the
+// presentation right of centre at the top.
 TEST_F(Zynvbg, ConferenceroomOutputHasTheRoomPictureSize) {
     const std::string out = path("room.y4m");
     const RunResult r =

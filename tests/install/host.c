@@ -1,8 +1,7 @@
-/* A host built against an installed tree, on a generated NV12 frame: stripes on the left, flat
- * grey on the right, no person. Exit 0 when the stripes are blurred away and the grey kept.
- *   host CONFIG MODE    initialise with CONFIG, blur three frames with processing mode MODE
- *                       (exit 2 when the instance cannot be made, 3 when a frame fails)
- *   host --frame FILE   write the frame (raw NV12)    host --check FILE   check a blurred one */
+/* A host built against an installed tree on an NV12 frame (stripes left, grey right, no person):
+ * exit 0 when the stripes are blurred away and the grey kept.   host CONFIG MODE: blur three
+ * frames in mode MODE (exit 2 no instance, 3 a frame failed).   host --frame FILE: write the
+ * frame.   host --check FILE: check a blurred one. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

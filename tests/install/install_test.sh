@@ -1,11 +1,7 @@
 #!/usr/bin/env bash
-# The installed tree, used the way a developer or a user would:
-#   install_test.sh tree BUILD SOURCE     install into a temporary prefix, move the tree, build
-#       host.c against it with pkg-config and with find_package, then blur from the moved tree
-#       (both hosts, automatic selection through the installed evaluator, zynvbg) with the build
-#       folder and the set-up dependencies out of sight; a missing evaluator or model folder is
-#       logged
-#   install_test.sh package BUILD         build the Debian package and check its contents
+# install_test.sh tree BUILD SOURCE: install, move the tree, build host.c against it (pkg-config,
+#   find_package), blur from it alone (both hosts, automatic selection, zynvbg); a missing
+#   evaluator or model folder is logged.   install_test.sh package BUILD: the Debian package.
 set -euo pipefail
 T="$(mktemp -d)"
 trap 'rm -rf "$T"' EXIT
@@ -72,13 +68,13 @@ grep -q "Evaluator program not found.*$M/libexec/zynvbg/EvalVBGProcessingType" \
 set +e; "$T/host-pc" "$T/nomodels.json" 8; [[ \$? == 2 ]] || exit 1; set -e
 grep -q "$M/share/zynvbg/nomodels/model.winml" "$T/nomodels/logs/ZYNNativeVBG.log"
 RUN
-HIDE=""
-for dir in "$BUILD" "$SOURCE/.deps" "$SOURCE/.venv"; do
-    HIDE+="mount -t tmpfs tmpfs '$(readlink -f "$dir")' && "
-done
-WRAP=(unshare -m)
-if ! unshare -m true 2>/dev/null; then
+WRAP=() HIDE=""
+if unshare -m true 2>/dev/null; then
+    WRAP=(unshare -m)
+    for dir in "$BUILD" "$SOURCE/.deps" "$SOURCE/.venv"; do
+        HIDE+="mount -t tmpfs tmpfs '$(readlink -f "$dir")' && "
+    done
+else
     echo "no mount namespace here: the build folder stays visible" >&2
-    WRAP=() HIDE=""
 fi
 "${WRAP[@]}" bash -c "$HIDE bash -x '$T/run.sh'" || fail "installed tree"
