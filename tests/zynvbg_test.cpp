@@ -7,7 +7,6 @@
 #include <cmath>
 #include <ctime>
 #include <filesystem>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -32,7 +31,11 @@ std::ostream& operator<<(std::ostream& os, const RunResult& r) {
 RunResult Shell(const Args& args, const fs::path& dir) {
     std::string command;
     for (const std::string& arg : args) {
-        command += " '" + std::regex_replace(arg, std::regex("'"), "'\\''") + "'";
+        command += " '";
+        for (char c : arg) {
+            command += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        }
+        command += "'";
     }
     const fs::path out = dir / "stdout", err = dir / "stderr";
     const int status =
