@@ -143,9 +143,8 @@ TEST_F(EngineAllocation, TheCounterSeesAnAllocationOfTheLibrary) {
 
 TEST_F(EngineAllocation, WarmFramesAllocateNothingOfTheLibrarysOwn) {
     WritePicture("alloc_green.png", 320, 180, "green");
-    const std::string underlay = PresenterConfig(
-        R"("mode": "underlay", "weathermanSize": "0.5", "weathermanOffsetX": "0.1", )"
-        R"("weathermanOffsetY": "0", "weathermanUnderlayMode": "0")");
+    const std::string underlay =
+        Layered("underlay", R"("weathermanUnderlayMode": "0")", "0.5", "0.1");
     const struct {
         std::string name, config;
         uint32_t w, h, in, out;

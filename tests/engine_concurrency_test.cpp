@@ -31,18 +31,6 @@ void WaitFor(const std::atomic<int>& frames, int count) {
     }
 }
 
-std::string Overlay(const std::string& alpha) {
-    return PresenterConfig(R"("mode": "overlay", "weathermanAlpha": ")" + alpha +
-                           R"(", "weathermanSize": "0.5", "weathermanOffsetX": "0.1", )"
-                           R"("weathermanOffsetY": "0")");
-}
-std::string Underlay(int variant) {
-    return PresenterConfig(R"("mode": "underlay", "weathermanSize": "0.4", )"
-                           R"("weathermanOffsetX": "0", "weathermanOffsetY": "0.1", )"
-                           R"("weathermanUnderlayMode": ")" +
-                           std::to_string(variant) + "\"");
-}
-
 }  // namespace
 
 TEST(EngineConcurrency, EffectPresenterAndFeedbackUpdatesWhileFramesFlow) {
@@ -53,15 +41,17 @@ TEST(EngineConcurrency, EffectPresenterAndFeedbackUpdatesWhileFramesFlow) {
     Frame out(kW, kH, ZYN_FORMAT_NV12), slide(640, 360, ZYN_FORMAT_NV12);
     Frame composed(640, 360, ZYN_FORMAT_I420);
     slide.fill(235, 128, 128);
-    ASSERT_EQ(0u, instance.update(Overlay("1.0")));  // effects and presenter, both applied
+    const std::string opaque = Layered("overlay", R"("weathermanAlpha": "1.0")", "0.5", "0.1");
+    ASSERT_EQ(0u, instance.update(opaque));  // effects and presenter, both applied
+    const std::string keyed = R"("weathermanUnderlayMode": ")";
     const std::vector<std::string> configs = {BackgroundConfig("conc_green.png"),
-                                              Overlay("0.5"),
+                                              Layered("overlay", R"("weathermanAlpha": "0.5")"),
                                               BlurAndTouchUpConfig("0.05"),
-                                              Underlay(0),
+                                              Layered("underlay", keyed + "0\"", "0.4"),
                                               BlurAndTouchUpConfig("0.2"),
-                                              Underlay(1),
+                                              Layered("underlay", keyed + "1\"", "0.4"),
                                               TouchUpConfig("0.1"),
-                                              Overlay("1.0"),
+                                              opaque,
                                               BlurConfig(),
                                               BackgroundConfig("conc_red.png")};
     std::atomic<bool> done{false};

@@ -1,14 +1,20 @@
-// The engine core: which engine the factory builds and how creation fails, the base engine's own
-// ARGB path, the life-cycle records, the fixed strengths of the engines' blurs and the brightness
-// measure that tells a dark presentation from a light one.
+// The CPU engine: which engine the factory builds and how creation fails, the base engine's ARGB
+// path, the life-cycle records, the fixed strengths of the engines' blurs and the brightness
+// measure of presentations; and end to end through the exported functions with the real model:
+// every effect on NV12 and I420 frames of many sizes, settings and frame size changes between
+// frames, feedback and the statistics text. (Animated and video backgrounds through the engine: the
+// soak.)
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
 
 #include <cstdio>
+#include <tuple>
 
 #include "config/vbg_settings.h"
 #include "engine/virtual_background_impl_cpu_yuv.h"
 #include "engine_test_support.h"
 #include "filters/blur_cpu.h"
+#include "media/background_image.h"
 #include "support/log_capture.h"
 #include "util/text.h"
 
@@ -58,6 +64,37 @@ bool Process(VBG::VirtualBackground& engine, Frame& in, Frame& out) {
     ZynNativeInputFrame o = out.record();
     return engine.processVideoFrame(&i, &o);
 }
+
+// The colour of a flat background picture as the engine blends it at a frame size: what the
+// picture source delivers at that size, converted like every picture background.
+Yuv Colour(const std::string& name, int width = 640, int height = 360) {
+    VBGSettings s{};
+    s.imageOrVideoDataSource = s.imageOrVideoType = 1;
+    s.bt = 2;
+    VBG::Text::CopyToField(s.backgroundImageFile, ZYN_PATH_CHARS,
+                           (Library::Get().cache() / name).string(), ZYN_PATH_CHARS - 2);
+    auto source = std::make_shared<VBG::BackgroundImage>(s);
+    Yuv c{};
+    libyuv::ARGBToI420(source->lockAndGetCropAndScaledArgbBuffer(width, height), width * 4, &c.y, 1,
+                       &c.u, 1, &c.v, 1, 1, 1);
+    source->unlockVideoFrame();
+    return c;
+}
+double DistanceFrom(const Frame& f, const Yuv& c, const Box& box) {
+    return MeanDistanceFrom(f, c.y, c.u, c.v, box);
+}
+
+class EnginePipeline : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        WritePicture("green.png", 320, 180, "green");
+        WritePicture("red.png", 400, 300, "red");
+    }
+};
+struct SizeCase {
+    uint32_t width, height, format;
+};
+class EnginePipelineSizes : public EnginePipeline, public testing::WithParamInterface<SizeCase> {};
 
 }  // namespace
 
@@ -215,4 +252,256 @@ TEST(EngineCore, ArgbPathRefusesFramesItCannotConvert) {
         EXPECT_TRUE(log.has(spdlog::level::err, record)) << log.dump();
     }
     EXPECT_TRUE(Process(engine, *in, out));
+}
+
+TEST_P(EnginePipelineSizes, EachEffectKeepsThePersonAndChangesOnlyWhatItShould) {
+    const auto [w, h, format] = GetParam();
+    auto in = AstronautFrame(w, h, format);
+    const Box face = FaceBox(w, h), shuttle = ShuttleBox(w, h), wall = LeftWallBox(w, h);
+    const bool landscape = w > h + 40;
+    for (const std::string& config :
+         {BlurConfig(), BackgroundConfig("green.png"), TouchUpConfig("0.1")}) {
+        SCOPED_TRACE(config);
+        Instance instance(config);
+        Frame out(w, h, format);
+        ASSERT_EQ(0u, instance.run(*in, out, kSettle));
+        EXPECT_TRUE(out.lumaPaddingUntouched());
+        if (config == TouchUpConfig("0.1")) {  // skin smoothed, the wall as it was
+            EXPECT_GT(MeanDifference(*in, out, face), 0.2);
+            EXPECT_LT(Detail(out, face), Detail(*in, face));
+            EXPECT_TRUE(!landscape || MeanDifference(*in, out, wall) == 0.0);
+            continue;
+        }
+        EXPECT_LT(MeanDifference(*in, out, face), 4.0);
+        EXPECT_LT(MeanDifference(*in, out, TorsoBox(w, h)), 4.0);
+        if (config == BlurConfig()) {
+            EXPECT_LT(Detail(out, shuttle), 0.5 * Detail(*in, shuttle));
+            EXPECT_GT(Detail(out, face), 0.8 * Detail(*in, face));
+            continue;
+        }
+        EXPECT_LT(DistanceFrom(out, Colour("green.png", w, h), UpperWallBox(w, h)), 3.0);
+        EXPECT_LT(DistanceFrom(out, Colour("green.png", w, h), shuttle), 3.0);
+        // Far from the person the mask is 0: the picture exactly, (v * 255 + 255) >> 8 == v.
+        EXPECT_TRUE(!landscape || DistanceFrom(out, Colour("green.png", w, h), wall) == 0.0);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sizes, EnginePipelineSizes,
+    testing::Values(SizeCase{640, 360, ZYN_FORMAT_NV12}, SizeCase{640, 360, ZYN_FORMAT_I420},
+                    SizeCase{1280, 720, ZYN_FORMAT_NV12}, SizeCase{1920, 1080, ZYN_FORMAT_I420},
+                    SizeCase{321, 181, ZYN_FORMAT_NV12}, SizeCase{481, 271, ZYN_FORMAT_I420},
+                    SizeCase{480, 480, ZYN_FORMAT_NV12}),
+    [](const testing::TestParamInfo<SizeCase>& info) {
+        return std::to_string(info.param.width) + "x" + std::to_string(info.param.height) +
+               (info.param.format == ZYN_FORMAT_NV12 ? "_NV12" : "_I420");
+    });
+
+TEST_F(EnginePipeline, EveryFormatPairAndProcessingInPlaceGiveTheSamePicture) {
+    const uint32_t nv12 = ZYN_FORMAT_NV12, i420 = ZYN_FORMAT_I420;
+    // Input and output format, and whether the host hands one frame as both.
+    const std::tuple<uint32_t, uint32_t, bool> ways[] = {{nv12, nv12, false}, {i420, i420, false},
+                                                         {nv12, i420, false}, {i420, nv12, false},
+                                                         {nv12, nv12, true},  {i420, i420, true}};
+    for (const std::string& config : {BlurConfig(), BackgroundConfig("green.png"),
+                                      BlurAndTouchUpConfig("0.05"), TouchUpConfig("0.1")}) {
+        std::vector<uint8_t> first;
+        for (const auto& [inFormat, outFormat, inPlace] : ways) {
+            SCOPED_TRACE(config + " " + std::to_string(inFormat) + std::to_string(outFormat) +
+                         (inPlace ? " in place" : ""));
+            Instance instance(config);
+            Frame out(640, 360, outFormat);
+            for (int i = 0; i < kSettle; ++i) {
+                auto in = AstronautFrame(640, 360, inFormat);
+                ASSERT_EQ(0u, instance.process(*in, inPlace ? *in : out));
+                out = inPlace ? *in : out;
+            }
+            EXPECT_TRUE(first.empty() || first == out.packedI420());
+            first = out.packedI420();
+        }
+    }
+}
+
+TEST_F(EnginePipeline, AnUnreadableBackgroundIsAcceptedAndGivesAnAllZeroBackground) {
+    auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);
+    Frame out(640, 360, ZYN_FORMAT_I420);
+    // A missing picture or an unreadable video, at creation or by an update: one record names it
+    // (it is not opened again for every frame), and the background is all zero bytes.
+    zyn_test::WriteFile(Library::Get().cache() / "unreadable.mp4", "not a video at all\n");
+    for (const std::string file : {"no_such_picture.png", "unreadable.mp4"}) {
+        for (const bool byUpdate : {false, true}) {
+            SCOPED_TRACE(file + (byUpdate ? " by update" : " at creation"));
+            LogCapture log;
+            Instance instance(byUpdate ? BlurConfig() : BackgroundConfig(file));
+            ASSERT_EQ(0u, instance.run(*in, out, byUpdate ? 1 : 0));
+            ASSERT_EQ(0u, byUpdate ? instance.update(BackgroundConfig(file)) : 0u);
+            ASSERT_EQ(0u, instance.run(*in, out, kSettle));
+            EXPECT_EQ(1u, log.countAt(spdlog::level::err, file)) << log.dump();
+            EXPECT_EQ(0.0, DistanceFrom(out, Yuv{}, LeftWallBox(640, 360)));
+            EXPECT_LT(DistanceFrom(out, Yuv{}, UpperWallBox(640, 360)), 3.0);
+            // Against black the mask's soft spots show more than against a picture.
+            EXPECT_LT(MeanDifference(*in, out, FaceBox(640, 360)), 8.0);
+        }
+    }
+}
+
+TEST_F(EnginePipeline, UpdatesRebuildOnlyWhatTheyChangeAndApplyWithTheNextFrame) {
+    Instance instance(BlurAndTouchUpConfig("0.03"));
+    auto in = AstronautFrame(640, 360, ZYN_FORMAT_NV12);
+    Frame out(640, 360, ZYN_FORMAT_NV12), composed(640, 360, ZYN_FORMAT_I420);
+    ASSERT_EQ(0u, instance.run(*in, out, kSettle));
+    const Frame softer = out;
+    const Box face = FaceBox(640, 360), wall = LeftWallBox(640, 360),
+              shuttle = ShuttleBox(640, 360);
+    LogCapture log;
+    const auto made = [&](const std::string& what) { return log.countContaining(what); };
+    const auto step = [&](const std::string& config, const std::string& record, int frames) {
+        log.clear();
+        ASSERT_EQ(0u, instance.update(config));
+        EXPECT_TRUE(log.contains(record)) << log.dump();
+        EXPECT_EQ(0u, made("Constructed"));  // nothing before the next frame
+        ASSERT_EQ(0u, instance.run(*in, out, frames));
+    };
+    // Another sigma: the touch-up filter is made anew, nothing else.
+    step(BlurAndTouchUpConfig("0.2"), "Processing change in touchup sigma values", 1);
+    EXPECT_EQ(1u, log.count("Constructed TouchUp"));
+    EXPECT_EQ(1u, made("Constructed"));
+    EXPECT_TRUE(
+        log.contains("Frame size changed from 640x360 -> 640x360 vbgUpdateRequested -> true"));
+    EXPECT_GT(MeanDifference(softer, out, face), 0.0);
+    step(BlurConfig(), "TouchUp is disabled", 1);
+    EXPECT_EQ(0u, made("Constructed"));
+    // Back to the first sigma: the first picture again, up to the mask's last settling steps.
+    step(BlurAndTouchUpConfig("0.03"), "TouchUp is enabled", kSettle);
+    EXPECT_EQ(1u, log.count("Constructed TouchUp"));
+    EXPECT_LT(MeanDifference(softer, out, face), 0.05);
+    // A picture, then another: its source and a new mask blur are made with the next frame.
+    step(BackgroundConfig("green.png"), "Update request received", kSettle);
+    EXPECT_EQ(0.0, DistanceFrom(out, Colour("green.png"), wall));
+    step(BackgroundConfig("red.png"), "Update request received", 1);
+    EXPECT_EQ(1u, made("Constructed. HR:0x")) << log.dump();
+    EXPECT_EQ(1u, made("CPU Blur:Constructed"));
+    EXPECT_EQ(0.0, DistanceFrom(out, Colour("red.png"), wall));
+    // Back to blur: the picture source goes away.
+    step(BlurConfig(), "Update request received", 1);
+    EXPECT_EQ(1u, made("Destroyed. HR:0x"));
+    EXPECT_LT(Detail(out, shuttle), 0.5 * Detail(*in, shuttle));
+    // Effects together with a presenter layout: only the presenter settings apply.
+    step(R"({"effects": [{"name": "background", "backgroundFile": "green.png"},
+             {"name": "weatherman", "mode": "overlay", "weathermanAlpha": "1.0",
+              "weathermanSize": "0.5", "weathermanOffsetX": "0", "weathermanOffsetY": "0"}]})",
+         "Effect set to Weatherman mode: overlay", 0);
+    EXPECT_EQ(0u, instance.present(*in, *in, composed));
+    ASSERT_EQ(0u, instance.run(*in, out, kSettle));
+    EXPECT_GT(DistanceFrom(out, Colour("green.png"), wall), 20.0);
+    EXPECT_LT(Detail(out, shuttle), 0.5 * Detail(*in, shuttle));
+}
+
+TEST_F(EnginePipeline, FrameSizeChangesMidStreamAndTheStatisticsOfTheLastFrame) {
+    Instance instance(BackgroundConfig("green.png"));
+    LogCapture log;
+    for (const auto& [w, h] : {std::pair{640u, 360u}, {1280u, 720u}, {321u, 181u}, {640u, 360u}}) {
+        SCOPED_TRACE(testing::Message() << w << "x" << h);
+        auto in = AstronautFrame(w, h, ZYN_FORMAT_NV12);
+        Frame out(w, h, ZYN_FORMAT_NV12);
+        ASSERT_EQ(0u, instance.run(*in, out, kSettle));
+        EXPECT_LT(MeanDifference(*in, out, FaceBox(w, h)), 4.0);
+        EXPECT_EQ(0.0, DistanceFrom(out, Colour("green.png", w, h), LeftWallBox(w, h)));
+    }
+    EXPECT_TRUE(
+        log.contains("Frame size changed from 640x360 -> 1280x720 vbgUpdateRequested -> false"));
+    EXPECT_TRUE(
+        log.contains("Frame size changed from 1280x720 -> 321x181 vbgUpdateRequested -> false"));
+    EXPECT_EQ(4u, log.countContaining("Frame size changed from"));
+    uint32_t width = 0, height = 0, type = 99;
+    const char* text =
+        ZynNativeVideoProcessingGetFrameProcessingStats(instance.handle(), &width, &height, &type);
+    EXPECT_EQ((std::vector<uint32_t>{640, 360, 0}), (std::vector<uint32_t>{width, height, type}));
+    rapidjson::Document doc;
+    ASSERT_TRUE(doc.Parse(text).IsObject()) << text;
+    const int total = doc["fullFrameTime"].GetInt();
+    const int parts = doc["preProcessedTime"].GetInt() + doc["inferenceTime"].GetInt() +
+                      doc["postProcessedTime"].GetInt();
+    EXPECT_EQ(static_cast<float>(total), instance.lastProcessingTime());
+    EXPECT_TRUE(parts <= total && total <= parts + 2) << text;  // three truncations
+    EXPECT_STREQ(text, ZynNativeVideoProcessingGetFrameProcessingStats(instance.handle(), nullptr,
+                                                                       nullptr, nullptr));
+}
+
+TEST_F(EnginePipeline, FeedbackRecordsTheNextFrameAndTheMasksItWasMadeWith) {
+    Instance instance(BackgroundConfig("green.png")), plain(BackgroundConfig("green.png"));
+    auto in = AstronautFrame(640, 360, ZYN_FORMAT_NV12);
+    Frame out(640, 360, ZYN_FORMAT_NV12), plainOut(640, 360, ZYN_FORMAT_NV12);
+    const fs::path cache = Library::Get().cache();
+    const auto both = [&](int count, const std::string& id) {
+        ASSERT_EQ(0u,
+                  id.empty() ? 0u : instance.update(R"({"feedback": true, "id": ")" + id + "\"}"));
+        ASSERT_EQ(0u, instance.run(*in, out, count));
+        ASSERT_EQ(0u, plain.run(*in, plainOut, count));
+        EXPECT_EQ(plainOut.packedI420(), out.packedI420());  // feedback changes no picture
+    };
+    const auto argb = [](Frame& f) {
+        std::vector<uint8_t> pixels(640 * 360 * 4);
+        const ZynNativeInputFrame r = f.record();
+        libyuv::NV12ToARGB(r.plane0, r.stride0, r.plane1, r.stride1, pixels.data(), 640 * 4, 640,
+                           360);
+        return pixels;
+    };
+    both(kSettle, "");
+    both(1, "fbone");
+    EXPECT_EQ(argb(*in), ReadBytes(cache / "rawfbone.bin"));
+    EXPECT_EQ(argb(out), ReadBytes(cache / "finalfbone.bin"));
+    // Masks at the landscape model's 256 x 144. The current one is the mask the frame was blended
+    // with: scaled to the frame, it gives every output luma byte from the camera's and green's.
+    const auto current = ReadBytes(cache / "currentMaskfbone.bin");
+    const auto previous = ReadBytes(cache / "previousMaskfbone.bin");
+    ASSERT_EQ(256u * 144u, current.size());
+    EXPECT_EQ(256u * 144u, previous.size());
+    EXPECT_NE(current, previous);
+    std::vector<uint8_t> alpha(640 * 360);
+    libyuv::ScalePlane(current.data(), 256, 256, 144, alpha.data(), 640, 640, 360,
+                       libyuv::kFilterBilinear);
+    const int green = Colour("green.png").y;
+    size_t mismatches = 0;
+    for (uint32_t y = 0; y < 360; ++y) {
+        for (uint32_t x = 0; x < 640; ++x) {
+            const int a = alpha[y * 640 + x];
+            mismatches +=
+                out.lumaAt(x, y) != ((in->lumaAt(x, y) * a + green * (255 - a) + 255) >> 8);
+        }
+    }
+    EXPECT_EQ(0u, mismatches);
+    rapidjson::Document index;
+    ASSERT_TRUE(index.Parse(zyn_test::ReadFile(cache / "fbone.json").c_str()).IsObject());
+    EXPECT_EQ(256, index["currentMask"]["width"].GetInt());
+    EXPECT_EQ(144, index["previousMask"]["height"].GetInt());
+    EXPECT_STREQ("finalfbone.bin", index["final"]["filename"].GetString());
+    // The previous mask of the next frame is the one this frame used; one request, one frame.
+    both(1, "fbtwo");
+    EXPECT_EQ(current, ReadBytes(cache / "previousMaskfbtwo.bin"));
+    fs::remove(cache / "rawfbtwo.bin");
+    both(1, "");
+    EXPECT_FALSE(fs::exists(cache / "rawfbtwo.bin"));
+    // A request while another one waits is refused, which costs the host the instance.
+    ASSERT_EQ(0u, instance.update(R"({"feedback": true, "id": "fbthree"})"));
+    LogCapture log;
+    EXPECT_EQ(2u, instance.update(R"({"feedback": true, "id": "fbfour"})"));
+    EXPECT_TRUE(log.contains("FeedbackWriter in progress with id fbthree"));
+    EXPECT_FALSE(instance.valid());
+}
+
+TEST_F(EnginePipeline, OnnxRuntimeCpuTypeThroughProcessingMode8) {
+    ZynNativeVideoProcessingShutdownInstance();  // the one backend: start from none
+    {
+        Instance instance(BackgroundConfig("green.png", 8));
+        auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);
+        Frame out(640, 360, ZYN_FORMAT_I420);
+        ASSERT_EQ(0u, instance.run(*in, out, kSettle));
+        uint32_t type = 0;
+        ZynNativeVideoProcessingGetFrameProcessingStats(instance.handle(), nullptr, nullptr, &type);
+        EXPECT_EQ(2u, type);
+        EXPECT_LT(MeanDifference(*in, out, FaceBox(640, 360)), 4.0);
+        EXPECT_EQ(0.0, DistanceFrom(out, Colour("green.png"), LeftWallBox(640, 360)));
+    }
+    ZynNativeVideoProcessingShutdownInstance();  // and leave none behind
 }

@@ -83,17 +83,10 @@ class Frame {
     }
 
     ZynNativeInputFrame record() {
-        ZynNativeInputFrame r{};
-        r.width = width_;
-        r.height = height_;
-        r.format = format_;
-        r.plane0 = y_.data();
-        r.stride0 = strideY_;
-        r.plane1 = uv_.data();
-        r.stride1 = strideUV_;
-        r.plane2 = nv12() ? nullptr : uv_.data() + uv_.size() / 2;
-        r.stride2 = nv12() ? 0 : strideUV_;
-        return r;
+        uint8_t* const v = nv12() ? nullptr : uv_.data() + uv_.size() / 2;
+        const uint32_t vStride = nv12() ? 0 : strideUV_;
+        return {width_,     height_,   format_, y_.data(), strideY_,
+                uv_.data(), strideUV_, v,       vStride,   0.0f};
     }
     uint32_t width() const { return width_; }
     uint32_t height() const { return height_; }
@@ -105,15 +98,11 @@ class Frame {
     // Visits every picture byte in packed I420 order (Y, U, V without padding).
     template <typename Fn>
     void forEachByte(Fn fn) {
-        for (uint32_t y = 0; y < height_; ++y) {
-            for (uint32_t x = 0; x < width_; ++x) {
-                fn(y_[y * strideY_ + x]);
-            }
-        }
-        for (int which = 0; which < 2; ++which) {
-            for (uint32_t y = 0; y < (height_ + 1) / 2; ++y) {
-                for (uint32_t x = 0; x < (width_ + 1) / 2; ++x) {
-                    fn(uv_[chroma(x, y, which)]);
+        for (int p = 0; p < 3; ++p) {
+            const uint32_t w = p ? (width_ + 1) / 2 : width_, h = p ? (height_ + 1) / 2 : height_;
+            for (uint32_t y = 0; y < h; ++y) {
+                for (uint32_t x = 0; x < w; ++x) {
+                    fn(p == 0 ? y_[y * strideY_ + x] : uv_[chroma(x, y, p - 1)]);
                 }
             }
         }
@@ -128,13 +117,11 @@ class Frame {
         forEachByte([&](uint8_t& b) { b = packed[i++]; });
     }
     void fill(uint8_t y, uint8_t u, uint8_t v) {
-        const size_t luma = static_cast<size_t>(width_) * height_;
-        const size_t uEnd = luma + static_cast<size_t>((width_ + 1) / 2) * ((height_ + 1) / 2);
-        size_t i = 0;
-        forEachByte([&](uint8_t& b) {
-            b = i < luma ? y : i < uEnd ? u : v;
-            ++i;
-        });
+        const size_t luma = size_t{width_} * height_, c = ((width_ + 1) / 2) * ((height_ + 1) / 2);
+        std::vector<uint8_t> packed(luma + 2 * c, y);
+        std::fill_n(packed.begin() + luma, c, u);
+        std::fill_n(packed.begin() + luma + c, c, v);
+        setPackedI420(packed);
     }
     // The padding after each luma row is still as it was made (0).
     bool lumaPaddingUntouched() const {
@@ -233,11 +220,14 @@ double MeanOver(const Frame& f, const Box& box, Fn fn) {
     }
     return n == 0 ? 0.0 : sum / n;
 }
-// Mean absolute luma and chroma difference of two frames, or of a frame from a flat colour.
-inline double MeanDifference(const Frame& a, const Frame& b, const Box& box) {
-    return MeanOver(a, box, [&](uint32_t x, uint32_t y) {
-        return std::abs(a.lumaAt(x, y) - b.lumaAt(x, y)) + std::abs(a.uAt(x, y) - b.uAt(x, y)) +
-               std::abs(a.vAt(x, y) - b.vAt(x, y));
+// Mean absolute luma and chroma difference of two frames over a box of `b`, `a` read at (dx, dy)
+// from it; or of a frame from a flat colour.
+inline double MeanDifference(const Frame& a, const Frame& b, const Box& box, uint32_t dx = 0,
+                             uint32_t dy = 0) {
+    return MeanOver(b, box, [&](uint32_t x, uint32_t y) {
+        return std::abs(a.lumaAt(x + dx, y + dy) - b.lumaAt(x, y)) +
+               std::abs(a.uAt(x + dx, y + dy) - b.uAt(x, y)) +
+               std::abs(a.vAt(x + dx, y + dy) - b.vAt(x, y));
     });
 }
 inline double MeanDistanceFrom(const Frame& a, uint8_t y, uint8_t u, uint8_t v, const Box& box) {
@@ -348,6 +338,13 @@ inline std::string BlurAndTouchUpConfig(const std::string& sigma) {
 // A presenter layout: `fields` follow the name, e.g. "mode": "overlay".
 inline std::string PresenterConfig(const std::string& fields) {
     return EffectsConfig(R"({"name": "weatherman", )" + fields + "}");
+}
+// A layered layout ("overlay", "underlay") of a size and an x offset, centred vertically.
+inline std::string Layered(const std::string& mode, const std::string& fields,
+                           const std::string& size = "0.5", const std::string& offsetX = "0") {
+    return PresenterConfig(R"("mode": ")" + mode + R"(", "weathermanSize": ")" + size +
+                           R"(", "weathermanOffsetX": ")" + offsetX +
+                           R"(", "weathermanOffsetY": "0", )" + fields);
 }
 
 }  // namespace engine_test
