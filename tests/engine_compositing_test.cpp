@@ -25,33 +25,17 @@ using zyn_test::LogCapture;
 
 namespace {
 
-// An I420 picture of random bytes in separate planes with padded strides.
-struct Picture {
-    int w, h, cw, ch, sy, sc;
-    std::vector<uint8_t> y, u, v;
-    Picture(int width, int height, std::mt19937& rng)
-        : w(width), h(height), cw((w + 1) / 2), ch((h + 1) / 2), sy(w + 3), sc(cw + 3) {
-        for (auto* plane : {&y, &u, &v}) {
-            plane->resize(plane == &y ? sy * h : sc * ch);
-            for (auto& b : *plane) {
-                b = static_cast<uint8_t>(rng());
-            }
-        }
-    }
-    I420Planes planes() { return I420Planes{y.data(), sy, u.data(), sc, v.data(), sc}; }
-    // The visible bytes of the three planes.
-    std::vector<uint8_t> visible() const {
-        std::vector<uint8_t> out;
-        for (const auto* plane : {&y, &u, &v}) {
-            const int stride = plane == &y ? sy : sc, width = plane == &y ? w : cw;
-            for (int r = 0; r < (plane == &y ? h : ch); ++r) {
-                out.insert(out.end(), plane->begin() + r * stride,
-                           plane->begin() + r * stride + width);
-            }
-        }
-        return out;
-    }
-};
+// An I420 picture of random bytes with strides padded by 3, and its planes as compositing takes
+// them.
+Frame Random(int w, int h, std::mt19937& rng) {
+    Frame f(w, h, ZYN_FORMAT_I420, 3);
+    f.forEachByte([&rng](uint8_t& b) { b = static_cast<uint8_t>(rng()); });
+    return f;
+}
+I420Planes Planes(Frame& f) {
+    const ZynNativeInputFrame r = f.record();
+    return {r.plane0, int(r.stride0), r.plane1, int(r.stride1), r.plane2, int(r.stride2)};
+}
 
 // A viewport as x, y, width, height, and its depth range, which is always 0..1.
 std::vector<float> Of(const Viewport& v) {
@@ -115,22 +99,23 @@ TEST(EngineBlend, MatchesI420BlendByteForByteAlsoInPlace) {
     for (const auto& size : sizes) {
         const int w = size[0], h = size[1];
         SCOPED_TRACE(testing::Message() << w << "x" << h);
-        Picture camera(w, h, rng), background(w, h, rng), expected(w, h, rng), actual(w, h, rng);
-        Picture alpha(w + 5, h, rng);  // its luma plane, stride w + 8
-        ASSERT_EQ(0, libyuv::I420Blend(camera.y.data(), camera.sy, camera.u.data(), camera.sc,
-                                       camera.v.data(), camera.sc, background.y.data(),
-                                       background.sy, background.u.data(), background.sc,
-                                       background.v.data(), background.sc, alpha.y.data(), alpha.sy,
-                                       expected.y.data(), expected.sy, expected.u.data(),
-                                       expected.sc, expected.v.data(), expected.sc, w, h));
-        std::vector<uint8_t> chroma(static_cast<size_t>(camera.cw) * camera.ch);
-        BlendI420(camera.planes(), background.planes(), alpha.y.data(), alpha.sy, actual.planes(),
+        Frame camera = Random(w, h, rng), background = Random(w, h, rng);
+        Frame expected = Random(w, h, rng), actual = Random(w, h, rng);
+        Frame alpha = Random(w + 5, h, rng);  // its luma plane, stride w + 8
+        const ZynNativeInputFrame c = camera.record(), b = background.record(), a = alpha.record(),
+                                  e = expected.record();
+        ASSERT_EQ(0, libyuv::I420Blend(c.plane0, c.stride0, c.plane1, c.stride1, c.plane2,
+                                       c.stride2, b.plane0, b.stride0, b.plane1, b.stride1,
+                                       b.plane2, b.stride2, a.plane0, a.stride0, e.plane0,
+                                       e.stride0, e.plane1, e.stride1, e.plane2, e.stride2, w, h));
+        std::vector<uint8_t> chroma(static_cast<size_t>((w + 1) / 2) * ((h + 1) / 2));
+        BlendI420(Planes(camera), Planes(background), a.plane0, a.stride0, Planes(actual),
                   chroma.data(), w, h);
-        EXPECT_EQ(expected.visible(), actual.visible());
+        EXPECT_EQ(expected.packedI420(), actual.packedI420());
         // In place over the camera picture, as the engine blends after touch-up.
-        BlendI420(camera.planes(), background.planes(), alpha.y.data(), alpha.sy, camera.planes(),
+        BlendI420(Planes(camera), Planes(background), a.plane0, a.stride0, Planes(camera),
                   chroma.data(), w, h);
-        EXPECT_EQ(expected.visible(), camera.visible());
+        EXPECT_EQ(expected.packedI420(), camera.packedI420());
     }
 }
 
@@ -143,13 +128,14 @@ TEST(EngineBlend, UpscalerMatchesLibyuvBilinearByteForByte) {
                             {256, 144, 512, 288},  {256, 144, 200, 112}, {1, 9, 40, 40}};
     for (const auto& s : sizes) {
         SCOPED_TRACE(testing::Message() << s[0] << "x" << s[1] << " to " << s[2] << "x" << s[3]);
-        const Picture src(s[0], s[1], rng);  // the Y plane, stride width + 3
+        Frame src = Random(s[0], s[1], rng);  // its luma plane, stride width + 3
+        const ZynNativeInputFrame r = src.record();
         std::vector<uint8_t> expected(static_cast<size_t>(s[2] + 7) * s[3]), actual(expected);
-        libyuv::ScalePlane(src.y.data(), s[0] + 3, s[0], s[1], expected.data(), s[2] + 7, s[2],
-                           s[3], libyuv::kFilterBilinear);
+        libyuv::ScalePlane(r.plane0, r.stride0, s[0], s[1], expected.data(), s[2] + 7, s[2], s[3],
+                           libyuv::kFilterBilinear);
         for (KernelLevel level : {KernelLevel::Avx2, KernelLevel::Portable}) {
             PlaneUpscaler upscaler(level);
-            upscaler.scale(src.y.data(), s[0] + 3, s[0], s[1], actual.data(), s[2] + 7, s[2], s[3]);
+            upscaler.scale(r.plane0, r.stride0, s[0], s[1], actual.data(), s[2] + 7, s[2], s[3]);
             for (int r = 0; r < s[3]; ++r) {
                 ASSERT_EQ(0, std::memcmp(&expected[r * (s[2] + 7)], &actual[r * (s[2] + 7)], s[2]))
                     << "row " << r << ", " << KernelLevelName(level);
@@ -355,7 +341,7 @@ TEST(EnginePresenter, LayeredLayoutsDrawThePresenterAtHisViewportMixedAsConfigur
                        (c.x + b.x1 * 320) / 1280, (270 + b.y1 * 180) / 720};
         };
         const Box bar = placed(Box{kFace.x0, 24.0 / 180, kFace.x1, 38.0 / 180});
-        EXPECT_TRUE(!c.bar || MeanDistanceFrom(out, c.bar, 128, 128, bar) < 1.0);
+        EXPECT_TRUE(!c.bar || MeanDistanceFrom(out, Yuv{c.bar, 128, 128}, bar) < 1.0);
         // The camera's own background is cut away, and nothing changes around him.
         EXPECT_LT(MeanDifference(out, slide, placed(kWall)), 1.0);
         EXPECT_TRUE(SlideOutside(out, slide, c.x, 270, 320, 180));
@@ -401,11 +387,11 @@ TEST(EnginePresenter, RoomLayoutsComposeRoomPresentationAndPresenterAtThePicture
         // presenter, who stands in front of it.
         const Box inside{(v[9] + 2.0) / ow, (v[10] + 2.0) / oh, (v[9] + v[11] - 2.0) / ow,
                          (v[6] - 2.0) / oh};
-        EXPECT_LT(MeanDistanceFrom(out, luma, 128, 128, inside), 0.5);
+        EXPECT_LT(MeanDistanceFrom(out, Yuv{luma, 128, 128}, inside), 0.5);
         EXPECT_LT(MeanDifference(out, PresenterPicture(v[7], v[8]), kFace, v[5], v[6]), 4.0);
         // The room picture in the top corner away from the presentation.
         const Box corner = v[9] < 100 ? Box{0.97, 0, 1, 0.01} : Box{0, 0, 0.03, 0.01};
-        EXPECT_GT(MeanDistanceFrom(out, luma, 128, 128, corner), 40.0);
+        EXPECT_GT(MeanDistanceFrom(out, Yuv{luma, 128, 128}, corner), 40.0);
     }
 }
 
@@ -430,7 +416,7 @@ TEST(EnginePresenter, APresenterFarLargerThanTheOutputIsMadeOnlyWhereItShows) {
     const auto [cu, cv] = MeanChroma(*camera, Box{310.0 / 640, 175.0 / 360, 330.0 / 640, 0.5139});
     EXPECT_LT(std::abs(u - cu), 6.0);
     EXPECT_LT(std::abs(v - cv), 6.0);
-    EXPECT_GT(MeanDistanceFrom(out, 235, 128, 128, middle), 100.0) << "the slide shows";
+    EXPECT_GT(MeanDistanceFrom(out, Yuv{235, 128, 128}, middle), 100.0) << "the slide shows";
 }
 
 TEST(EnginePresenter, OutputOfAnotherSizeAnUnsetModeOrAMissingRoomPictureFailsTheFrame) {

@@ -31,8 +31,7 @@ VBGSettings SettingsFor(uint32_t pt, uint32_t bt, const std::string& picture = "
                            (zyn_test::RealModelsDir() / "model.winml").string(), 1000);
     VBG::Text::CopyToField(s.fileCachePath, ZYN_PATH_CHARS, Library::Get().cache().string(), 1000);
     if (!picture.empty()) {
-        s.imageOrVideoType = 1;
-        s.imageOrVideoDataSource = 1;
+        s.imageOrVideoType = s.imageOrVideoDataSource = 1;
         VBG::Text::CopyToField(s.backgroundImageFile, ZYN_PATH_CHARS,
                                (Library::Get().cache() / picture).string(), 1000);
     }
@@ -60,30 +59,20 @@ std::vector<int> Radii(const std::unique_ptr<VBG::Blur>& blur) {
 }
 
 bool Process(VBG::VirtualBackground& engine, Frame& in, Frame& out) {
-    ZynNativeInputFrame i = in.record();
-    ZynNativeInputFrame o = out.record();
+    ZynNativeInputFrame i = in.record(), o = out.record();
     return engine.processVideoFrame(&i, &o);
 }
 
 // The colour of a flat background picture as the engine blends it at a frame size: what the
 // picture source delivers at that size, converted like every picture background.
 Yuv Colour(const std::string& name, int width = 640, int height = 360) {
-    VBGSettings s{};
-    s.imageOrVideoDataSource = s.imageOrVideoType = 1;
-    s.bt = 2;
-    VBG::Text::CopyToField(s.backgroundImageFile, ZYN_PATH_CHARS,
-                           (Library::Get().cache() / name).string(), ZYN_PATH_CHARS - 2);
-    auto source = std::make_shared<VBG::BackgroundImage>(s);
+    auto source = std::make_shared<VBG::BackgroundImage>(SettingsFor(0, 2, name));
     Yuv c{};
     libyuv::ARGBToI420(source->lockAndGetCropAndScaledArgbBuffer(width, height), width * 4, &c.y, 1,
                        &c.u, 1, &c.v, 1, 1, 1);
     source->unlockVideoFrame();
     return c;
 }
-double DistanceFrom(const Frame& f, const Yuv& c, const Box& box) {
-    return MeanDistanceFrom(f, c.y, c.u, c.v, box);
-}
-
 class EnginePipeline : public testing::Test {
   protected:
     static void SetUpTestSuite() {
@@ -187,7 +176,7 @@ TEST(EngineCore, ArgbPathBlursOrCutsThePersonOutOverThePicture) {
                   log.count("tempBackgroundArgbBuffer is invalid, some invalid scenario"));
         EXPECT_LT(MeanDifference(*camera, composed, face), 3.0);
         for (const Box& box : {wall, UpperWallBox(640, 360)}) {
-            EXPECT_LT(MeanDistanceFrom(composed, colour.y, colour.u, colour.v, box), 4.0);
+            EXPECT_LT(MeanDistanceFrom(composed, colour, box), 4.0);
         }
     }
 }
@@ -279,10 +268,10 @@ TEST_P(EnginePipelineSizes, EachEffectKeepsThePersonAndChangesOnlyWhatItShould) 
             EXPECT_GT(Detail(out, face), 0.8 * Detail(*in, face));
             continue;
         }
-        EXPECT_LT(DistanceFrom(out, Colour("green.png", w, h), UpperWallBox(w, h)), 3.0);
-        EXPECT_LT(DistanceFrom(out, Colour("green.png", w, h), shuttle), 3.0);
+        EXPECT_LT(MeanDistanceFrom(out, Colour("green.png", w, h), UpperWallBox(w, h)), 3.0);
+        EXPECT_LT(MeanDistanceFrom(out, Colour("green.png", w, h), shuttle), 3.0);
         // Far from the person the mask is 0: the picture exactly, (v * 255 + 255) >> 8 == v.
-        EXPECT_TRUE(!landscape || DistanceFrom(out, Colour("green.png", w, h), wall) == 0.0);
+        EXPECT_TRUE(!landscape || MeanDistanceFrom(out, Colour("green.png", w, h), wall) == 0.0);
     }
 }
 
@@ -337,8 +326,8 @@ TEST_F(EnginePipeline, AnUnreadableBackgroundIsAcceptedAndGivesAnAllZeroBackgrou
             ASSERT_EQ(0u, byUpdate ? instance.update(BackgroundConfig(file)) : 0u);
             ASSERT_EQ(0u, instance.run(*in, out, kSettle));
             EXPECT_EQ(1u, log.countAt(spdlog::level::err, file)) << log.dump();
-            EXPECT_EQ(0.0, DistanceFrom(out, Yuv{}, LeftWallBox(640, 360)));
-            EXPECT_LT(DistanceFrom(out, Yuv{}, UpperWallBox(640, 360)), 3.0);
+            EXPECT_EQ(0.0, MeanDistanceFrom(out, Yuv{}, LeftWallBox(640, 360)));
+            EXPECT_LT(MeanDistanceFrom(out, Yuv{}, UpperWallBox(640, 360)), 3.0);
             // Against black the mask's soft spots show more than against a picture.
             EXPECT_LT(MeanDifference(*in, out, FaceBox(640, 360)), 8.0);
         }
@@ -377,11 +366,11 @@ TEST_F(EnginePipeline, UpdatesRebuildOnlyWhatTheyChangeAndApplyWithTheNextFrame)
     EXPECT_LT(MeanDifference(softer, out, face), 0.05);
     // A picture, then another: its source and a new mask blur are made with the next frame.
     step(BackgroundConfig("green.png"), "Update request received", kSettle);
-    EXPECT_EQ(0.0, DistanceFrom(out, Colour("green.png"), wall));
+    EXPECT_EQ(0.0, MeanDistanceFrom(out, Colour("green.png"), wall));
     step(BackgroundConfig("red.png"), "Update request received", 1);
     EXPECT_EQ(1u, made("Constructed. HR:0x")) << log.dump();
     EXPECT_EQ(1u, made("CPU Blur:Constructed"));
-    EXPECT_EQ(0.0, DistanceFrom(out, Colour("red.png"), wall));
+    EXPECT_EQ(0.0, MeanDistanceFrom(out, Colour("red.png"), wall));
     // Back to blur: the picture source goes away.
     step(BlurConfig(), "Update request received", 1);
     EXPECT_EQ(1u, made("Destroyed. HR:0x"));
@@ -393,7 +382,7 @@ TEST_F(EnginePipeline, UpdatesRebuildOnlyWhatTheyChangeAndApplyWithTheNextFrame)
          "Effect set to Weatherman mode: overlay", 0);
     EXPECT_EQ(0u, instance.present(*in, *in, composed));
     ASSERT_EQ(0u, instance.run(*in, out, kSettle));
-    EXPECT_GT(DistanceFrom(out, Colour("green.png"), wall), 20.0);
+    EXPECT_GT(MeanDistanceFrom(out, Colour("green.png"), wall), 20.0);
     EXPECT_LT(Detail(out, shuttle), 0.5 * Detail(*in, shuttle));
 }
 
@@ -406,7 +395,7 @@ TEST_F(EnginePipeline, FrameSizeChangesMidStreamAndTheStatisticsOfTheLastFrame) 
         Frame out(w, h, ZYN_FORMAT_NV12);
         ASSERT_EQ(0u, instance.run(*in, out, kSettle));
         EXPECT_LT(MeanDifference(*in, out, FaceBox(w, h)), 4.0);
-        EXPECT_EQ(0.0, DistanceFrom(out, Colour("green.png", w, h), LeftWallBox(w, h)));
+        EXPECT_EQ(0.0, MeanDistanceFrom(out, Colour("green.png", w, h), LeftWallBox(w, h)));
     }
     EXPECT_TRUE(
         log.contains("Frame size changed from 640x360 -> 1280x720 vbgUpdateRequested -> false"));
@@ -501,7 +490,7 @@ TEST_F(EnginePipeline, OnnxRuntimeCpuTypeThroughProcessingMode8) {
         ZynNativeVideoProcessingGetFrameProcessingStats(instance.handle(), nullptr, nullptr, &type);
         EXPECT_EQ(2u, type);
         EXPECT_LT(MeanDifference(*in, out, FaceBox(640, 360)), 4.0);
-        EXPECT_EQ(0.0, DistanceFrom(out, Colour("green.png"), LeftWallBox(640, 360)));
+        EXPECT_EQ(0.0, MeanDistanceFrom(out, Colour("green.png"), LeftWallBox(640, 360)));
     }
     ZynNativeVideoProcessingShutdownInstance();  // and leave none behind
 }

@@ -230,10 +230,10 @@ inline double MeanDifference(const Frame& a, const Frame& b, const Box& box, uin
                std::abs(a.vAt(x + dx, y + dy) - b.vAt(x, y));
     });
 }
-inline double MeanDistanceFrom(const Frame& a, uint8_t y, uint8_t u, uint8_t v, const Box& box) {
-    return MeanOver(a, box, [&](uint32_t px, uint32_t py) {
-        return std::abs(a.lumaAt(px, py) - y) + std::abs(a.uAt(px, py) - u) +
-               std::abs(a.vAt(px, py) - v);
+inline double MeanDistanceFrom(const Frame& a, const Yuv& c, const Box& box) {
+    return MeanOver(a, box, [&](uint32_t x, uint32_t y) {
+        return std::abs(a.lumaAt(x, y) - c.y) + std::abs(a.uAt(x, y) - c.u) +
+               std::abs(a.vAt(x, y) - c.v);
     });
 }
 inline std::pair<double, double> MeanChroma(const Frame& f, const Box& box) {
