@@ -1,9 +1,6 @@
-// Instances driven from several threads, as hosts do: updates from a control thread while frames
-// flow on a frame thread, two instances processing frames at the same moment on the one shared
-// inference backend, an instance ended while its frames flow, handle values that outlived their
-// instance, and the backend shut down under a live instance or made by two creates at once.
-// (This suite also runs under ThreadSanitizer; under AddressSanitizer any use of a freed engine or
-// backend fails it.)
+// Instances driven from several threads, as hosts do (also run under the sanitizers): updates from
+// a control thread while frames flow, two instances on the one shared backend at once, an instance
+// ended while its frames flow and its stale handle, the backend shut down or made by two creates.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -131,11 +128,9 @@ TEST(EngineConcurrency, EachInstanceGetsTheMaskOfItsOwnFrame) {
     EXPECT_LT(worst[1], 0.5);
 }
 
-// Frames flow on a thread of their own while the control thread ends the instance the way a host
-// can without meaning to: an update that is rejected (3), or a feedback request made while the
-// previous one still waits for its frame (2). Every frame returns 0 until then and 2 from then on.
-// The handle value kept from before reaches nothing, not even an instance made since then (which
-// may sit where the old one was): every call fails with its failure value.
+// A rejected update (3) or a feedback request while the previous one waits (2) ends the instance
+// while its frames flow: 0 until then, 2 from then on. The stale handle reaches nothing, not even
+// an instance made since (which may sit where the old one was).
 TEST(EngineConcurrency, InstanceEndedByAFailedUpdateWhileFramesFlowAndItsStaleHandle) {
     auto in = AstronautFrame(kW, kH, ZYN_FORMAT_NV12);
     Frame out(kW, kH, ZYN_FORMAT_NV12);

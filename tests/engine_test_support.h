@@ -153,28 +153,19 @@ inline void RunOrThrow(const std::string& command) {
 
 // The astronaut sample picture as a camera frame: scaled to the frame height and centred on a flat
 // grey wall (luma about 128), so that the frame's left and right strips are certainly background.
-// Made once per even size; an odd frame is the top-left part of the next even one.
+// An odd frame is the top-left part of the next even one.
 inline std::unique_ptr<Frame> AstronautFrame(uint32_t width, uint32_t height, uint32_t format) {
-    const std::string ew = std::to_string((width + 1) & ~1u),
+    const std::string w = std::to_string(width), h = std::to_string(height),
                       eh = std::to_string((height + 1) & ~1u);
-    const fs::path raw = Library::Get().scratch() / ("astronaut_" + ew + "x" + eh + ".yuv");
+    const fs::path raw = Library::Get().scratch() / ("astronaut_" + w + "x" + h + ".yuv");
     if (!fs::exists(raw)) {
         RunOrThrow("ffmpeg -y -v error -i '" + zyn_test::SampleImage("astronaut.png").string() +
-                   "' -vf 'scale=-2:" + eh + ",pad=" + ew + ":" + eh +
-                   ":(ow-iw)/2:0:color=0x808080' -pix_fmt yuv420p -f rawvideo '" + raw.string() +
-                   "'");
+                   "' -vf 'scale=-2:" + eh + ",pad=" + std::to_string((width + 1) & ~1u) + ":" +
+                   eh + ":(ow-iw)/2:0:color=0x808080,crop=" + w + ":" + h +
+                   ":0:0:exact=1' -pix_fmt yuv420p -f rawvideo '" + raw.string() + "'");
     }
-    Frame whole(std::stoi(ew), std::stoi(eh), ZYN_FORMAT_I420);
-    whole.setPackedI420(ReadBytes(raw));
     auto frame = std::make_unique<Frame>(width, height, format);
-    const ZynNativeInputFrame w = whole.record(), f = frame->record();
-    if (format == ZYN_FORMAT_NV12) {
-        libyuv::I420ToNV12(w.plane0, w.stride0, w.plane1, w.stride1, w.plane2, w.stride2, f.plane0,
-                           f.stride0, f.plane1, f.stride1, width, height);
-    } else {
-        libyuv::I420Copy(w.plane0, w.stride0, w.plane1, w.stride1, w.plane2, w.stride2, f.plane0,
-                         f.stride0, f.plane1, f.stride1, f.plane2, f.stride2, width, height);
-    }
+    frame->setPackedI420(ReadBytes(raw));
     return frame;
 }
 
@@ -191,9 +182,6 @@ inline Box PictureBox(uint32_t width, uint32_t height, double x0, double y0, dou
 }
 inline Box FaceBox(uint32_t w, uint32_t h) {
     return PictureBox(w, h, 0.39, 0.14, 0.53, 0.30);
-}
-inline Box TorsoBox(uint32_t w, uint32_t h) {
-    return PictureBox(w, h, 0.18, 0.64, 0.58, 0.88);
 }
 inline Box ShuttleBox(uint32_t w, uint32_t h) {
     return PictureBox(w, h, 0.72, 0.05, 0.90, 0.50);
