@@ -30,7 +30,7 @@ int g_depths[kMaxRecords];
 std::atomic<int> g_count{0};
 thread_local bool t_tracking = false;
 
-[[maybe_unused]] void note() {
+[[maybe_unused]] void note() {  // records the call of a hook on a tracked thread
     if (t_tracking) {
         t_tracking = false;  // backtrace may allocate
         const int i = g_count.fetch_add(1);
@@ -51,24 +51,19 @@ void* __libc_realloc(void*, size_t);
 void* __libc_memalign(size_t, size_t);
 
 void* malloc(size_t size) {
-    note();
-    return __libc_malloc(size);
+    return note(), __libc_malloc(size);
 }
 void* calloc(size_t count, size_t size) {
-    note();
-    return __libc_calloc(count, size);
+    return note(), __libc_calloc(count, size);
 }
 void* realloc(void* pointer, size_t size) {
-    note();
-    return __libc_realloc(pointer, size);
+    return note(), __libc_realloc(pointer, size);
 }
 void* memalign(size_t alignment, size_t size) {
-    note();
-    return __libc_memalign(alignment, size);
+    return note(), __libc_memalign(alignment, size);
 }
 void* aligned_alloc(size_t alignment, size_t size) {
-    note();
-    return __libc_memalign(alignment, size);
+    return note(), __libc_memalign(alignment, size);
 }
 int posix_memalign(void** out, size_t alignment, size_t size) {
     note();

@@ -188,19 +188,6 @@ TEST(EngineFactory, ReservedAndUnknownProcessingTypesAreRefused) {
     }
 }
 
-TEST(EngineFactory, GpuTypesAreNotSupportedHereAndGpuModeFallsBackToTheCpu) {
-    Instance gpu(BlurConfig(9));  // type 8, a GPU-pipeline type
-    EXPECT_EQ(5u, gpu.status());
-    EXPECT_FALSE(gpu.valid());
-    LogCapture log;
-    Instance fallback(BlurConfig(1));
-    EXPECT_EQ(0u, fallback.status());
-    EXPECT_TRUE(log.contains("GPU not supported, switching to CPU"));
-    uint32_t type = 99;
-    ZynNativeVideoProcessingGetFrameProcessingStats(fallback.handle(), nullptr, nullptr, &type);
-    EXPECT_EQ(0u, type);
-}
-
 TEST(EngineFactory, AModelThatCannotBeLoadedFailsTheCreation) {
     ZynNativeVideoProcessingShutdownInstance();  // no backend yet: the next one is loaded anew
     LogCapture log;
@@ -562,19 +549,25 @@ TEST_F(EnginePipeline, FeedbackRecordsTheNextFrameAndTheMasksItWasMadeWith) {
     EXPECT_FALSE(instance.valid());
 }
 
-TEST_F(EnginePipeline, OnnxRuntimeCpuTypeThroughProcessingMode8) {
-    ZynNativeVideoProcessingShutdownInstance();  // the one backend: start from none
-    {
-        Instance instance(BackgroundConfig("green.png", 8));
-        auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);
-        Frame out(640, 360, ZYN_FORMAT_I420);
+TEST_F(EnginePipeline, ProcessingModesChooseTheTypeAndGpuOnesFallBackOrAreRefused) {
+    Instance gpu(BlurConfig(9));  // type 8, a GPU-pipeline type
+    EXPECT_EQ(5u, gpu.status());
+    EXPECT_FALSE(gpu.valid());
+    LogCapture log;
+    auto in = AstronautFrame(640, 360, ZYN_FORMAT_I420);
+    Frame out(640, 360, ZYN_FORMAT_I420);
+    // Mode 1 (GPU) falls back to type 0, ONNX Runtime; mode 8 is type 2, ONNX Runtime on the CPU.
+    for (const auto& [mode, type] : {std::pair{1, 0u}, {8, 2u}}) {
+        ZynNativeVideoProcessingShutdownInstance();  // the one backend: start from none
+        Instance instance(BackgroundConfig("green.png", mode));
         ASSERT_EQ(0u, instance.run(*in, out, kSettle));
-        uint32_t type = 0;
-        ZynNativeVideoProcessingGetFrameProcessingStats(instance.handle(), nullptr, nullptr, &type);
-        EXPECT_EQ(2u, type);
+        uint32_t got = 99;
+        ZynNativeVideoProcessingGetFrameProcessingStats(instance.handle(), nullptr, nullptr, &got);
+        EXPECT_EQ(type, got);
         EXPECT_LT(MeanDifference(*in, out, FaceBox(640, 360)), 4.0);
         EXPECT_EQ(0.0, MeanDistanceFrom(out, Colour("green.png"), LeftWallBox(640, 360)));
     }
+    EXPECT_EQ(1u, log.count("GPU not supported, switching to CPU"));
     ZynNativeVideoProcessingShutdownInstance();  // and leave none behind
 }
 
