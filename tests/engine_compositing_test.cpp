@@ -346,11 +346,10 @@ TEST(EnginePresenter, LayeredLayoutsDrawThePresenterAtHisViewportMixedAsConfigur
         EXPECT_LT(MeanDifference(out, slide, placed(kWall)), 1.0);
         EXPECT_TRUE(SlideOutside(out, slide, c.x, 270, 320, 180));
         // The statistics are the presentation stream's while a presenter mode is on.
-        EXPECT_NE(std::string::npos,
-                  std::string(ZynNativeVideoProcessingGetFrameProcessingStats(
-                                  instance.handle(), nullptr, nullptr, nullptr))
-                      .find("\"fullFrameTime\":" +
-                            std::to_string(static_cast<int>(instance.lastProcessingTime())) + "}"));
+        const std::string stats = ZynNativeVideoProcessingGetFrameProcessingStats(
+            instance.handle(), nullptr, nullptr, nullptr);
+        const int total = static_cast<int>(instance.lastProcessingTime());
+        EXPECT_NE(stats.npos, stats.find("\"fullFrameTime\":" + std::to_string(total) + "}"));
     }
 }
 
