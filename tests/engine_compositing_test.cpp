@@ -66,7 +66,8 @@ Frame Slide(uint32_t w, uint32_t h, uint32_t format, uint8_t luma, uint8_t bar =
 // `under` (neutral chroma) when `half`.
 Frame PresenterPicture(uint32_t w, uint32_t h, bool half = false, int under = 0) {
     Frame out(w, h, kI420);
-    const ZynNativeInputFrame c = AstronautFrame(640, 360, kI420)->record(), o = out.record();
+    const auto camera = AstronautFrame(640, 360, kI420);
+    const ZynNativeInputFrame c = camera->record(), o = out.record();
     libyuv::I420Scale(c.plane0, c.stride0, c.plane1, c.stride1, c.plane2, c.stride2, 640, 360,
                       o.plane0, o.stride0, o.plane1, o.stride1, o.plane2, o.stride2, w, h,
                       libyuv::kFilterBox);
