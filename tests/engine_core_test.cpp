@@ -182,6 +182,11 @@ TEST(EngineFactory, ReservedAndUnknownProcessingTypesAreRefused) {
         EXPECT_TRUE(log.contains("createMLProcessing failed"));
         EXPECT_EQ(1u, log.countContaining("Destroyed. HR:0x"));  // the engine of the attempt
     }
+    // Automatic (9) with no stored selection and no evaluation running: no engine either.
+    LogCapture log;
+    const VBGSettings automatic = SettingsFor(9, 1);
+    EXPECT_EQ(nullptr, ZynNativeInternalCreate(&automatic));
+    EXPECT_TRUE(log.has(spdlog::level::err, "createAutoZynNative failed")) << log.dump();
 }
 
 TEST(EngineFactory, AModelThatCannotBeLoadedFailsTheCreation) {
@@ -243,6 +248,15 @@ TEST(EngineCore, ArgbPathBlursOrCutsThePersonOutOverThePicture) {
             EXPECT_TRUE(log.has(spdlog::level::err, record)) << log.dump();
         }
         EXPECT_TRUE(Process(engine, *in, out));
+        EXPECT_FALSE(engine.processVideoFrame(nullptr, nullptr));
+        // Updates apply with the next frame: the same settings again, then the blue picture.
+        for (const VBGSettings& next : {SettingsFor(0, 1), SettingsFor(0, 2, "core_blue.png")}) {
+            ASSERT_TRUE(engine.update(next));
+            for (int i = 0; i < kSettle; ++i) {
+                ASSERT_TRUE(Process(engine, *in, out));
+            }
+        }
+        EXPECT_LT(MeanDistanceFrom(out, Yuv{41, 240, 110}, wall), 4.0);  // blue, worked out below
     }
     // Over a picture, and over grey (208, 208, 208) when the picture is missing; camera pixels
     // come back through ARGB within conversion rounding.
