@@ -1,10 +1,7 @@
 // Heap allocations per frame once an instance is warm: none may come from the library's own code.
-//
-// This program replaces the C allocation functions: while frames are measured, every allocation
-// made on the frame thread is recorded with its call stack. An allocation counts as the library's
-// own unless the first caller outside the C and C++ runtimes is libyuv or ONNX Runtime, whose
-// calls take small buffers of their own. Sanitizer builds bring their own
-// allocator, so the suite is skipped there.
+// The C allocation functions are replaced; while frames are measured, each allocation on the frame
+// thread is recorded with its call stack and counts unless its first caller outside the C and C++
+// runtimes is libyuv or ONNX Runtime. Skipped in sanitizer builds, which replace the allocator.
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <gtest/gtest.h>
@@ -33,7 +30,7 @@ int g_depths[kMaxRecords];
 std::atomic<int> g_count{0};
 thread_local bool t_tracking = false;
 
-[[maybe_unused]] void note() {
+[[maybe_unused]] void note() {  // records the call of a hook on a tracked thread
     if (t_tracking) {
         t_tracking = false;  // backtrace may allocate
         const int i = g_count.fetch_add(1);
@@ -54,24 +51,19 @@ void* __libc_realloc(void*, size_t);
 void* __libc_memalign(size_t, size_t);
 
 void* malloc(size_t size) {
-    note();
-    return __libc_malloc(size);
+    return note(), __libc_malloc(size);
 }
 void* calloc(size_t count, size_t size) {
-    note();
-    return __libc_calloc(count, size);
+    return note(), __libc_calloc(count, size);
 }
 void* realloc(void* pointer, size_t size) {
-    note();
-    return __libc_realloc(pointer, size);
+    return note(), __libc_realloc(pointer, size);
 }
 void* memalign(size_t alignment, size_t size) {
-    note();
-    return __libc_memalign(alignment, size);
+    return note(), __libc_memalign(alignment, size);
 }
 void* aligned_alloc(size_t alignment, size_t size) {
-    note();
-    return __libc_memalign(alignment, size);
+    return note(), __libc_memalign(alignment, size);
 }
 int posix_memalign(void** out, size_t alignment, size_t size) {
     note();
@@ -85,8 +77,7 @@ namespace {
 
 using namespace engine_test;
 
-// The library's own allocations among those of the measured calls, one caller a line: each
-// allocation's first caller past the hooks and the runtimes, unless it is libyuv or ONNX Runtime.
+// The library's own allocations among those of the measured calls, one caller a line.
 const std::string kHooks = " malloc calloc realloc memalign aligned_alloc posix_memalign ";
 std::string Own(const std::function<void()>& body) {
     g_count = 0;
@@ -143,40 +134,29 @@ TEST_F(EngineAllocation, TheCounterSeesAnAllocationOfTheLibrary) {
 
 TEST_F(EngineAllocation, WarmFramesAllocateNothingOfTheLibrarysOwn) {
     WritePicture("alloc_green.png", 320, 180, "green");
-    const std::string underlay = PresenterConfig(
-        R"("mode": "underlay", "weathermanSize": "0.5", "weathermanOffsetX": "0.1", )"
-        R"("weathermanOffsetY": "0", "weathermanUnderlayMode": "0")");
+    const std::string underlay =
+        Layered("underlay", R"("weathermanUnderlayMode": "0")", "0.5", "0.1");
+    const uint32_t nv12 = ZYN_FORMAT_NV12, i420 = ZYN_FORMAT_I420;
     const struct {
-        std::string name, config;
+        std::string config;
         uint32_t w, h, in, out;
-    } cases[] = {
-        {"blur_nv12_720p", BlurConfig(), 1280, 720, ZYN_FORMAT_NV12, ZYN_FORMAT_NV12},
-        {"picture_i420_360p", BackgroundConfig("alloc_green.png"), 640, 360, ZYN_FORMAT_I420,
-         ZYN_FORMAT_I420},
-        {"blur_touchup_nv12_odd", BlurAndTouchUpConfig("0.05"), 321, 181, ZYN_FORMAT_NV12,
-         ZYN_FORMAT_I420},
-        {"touchup_only_i420", TouchUpConfig("0.05"), 640, 360, ZYN_FORMAT_I420, ZYN_FORMAT_NV12},
-        // Presentation frames: a 640 x 360 camera under a 1280 x 720 slide.
-        {"underlay_nv12_720p", underlay, 1280, 720, ZYN_FORMAT_NV12, ZYN_FORMAT_NV12}};
+    } cases[] = {{BlurConfig(), 1280, 720, nv12, nv12},
+                 {BackgroundConfig("alloc_green.png"), 640, 360, i420, i420},
+                 {BlurAndTouchUpConfig("0.05"), 321, 181, nv12, i420},
+                 {TouchUpConfig("0.05"), 640, 360, i420, nv12},
+                 // Presentation frames: a 640 x 360 camera under a 1280 x 720 slide.
+                 {underlay, 1280, 720, nv12, nv12}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.config);
         Instance instance(c.config);
         const bool presenter = c.config == underlay;
         auto in = AstronautFrame(presenter ? 640 : c.w, presenter ? 360 : c.h, c.in);
         Frame out(c.w, c.h, c.out), slide(c.w, c.h, c.in);
         slide.fill(235, 128, 128);
-        const auto frame = [&] {
-            return presenter ? instance.present(*in, slide, out) : instance.process(*in, out);
-        };
-        for (int i = 0; i < 8; ++i) {
-            ASSERT_EQ(0u, frame());
-        }
-        bool ok = true;
-        EXPECT_EQ("", Own([&] {
-                      for (int i = 0; i < 10; ++i) {
-                          ok = frame() == 0u && ok;
-                      }
-                  }));
-        EXPECT_TRUE(ok);
+        ASSERT_EQ(0u, instance.run(*in, out, 8, presenter ? &slide : nullptr));
+        uint32_t status = 0;
+        EXPECT_EQ("",
+                  Own([&] { status = instance.run(*in, out, 10, presenter ? &slide : nullptr); }));
+        EXPECT_EQ(0u, status);
     }
 }

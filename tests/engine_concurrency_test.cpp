@@ -1,9 +1,6 @@
-// Instances driven from several threads, as hosts do: updates from a control thread while frames
-// flow on a frame thread, two instances processing frames at the same moment on the one shared
-// inference backend, an instance ended while its frames flow, handle values that outlived their
-// instance, and the backend shut down under a live instance or made by two creates at once.
-// (This suite also runs under ThreadSanitizer; under AddressSanitizer any use of a freed engine or
-// backend fails it.)
+// Instances driven from several threads, as hosts do (also run under the sanitizers): updates from
+// a control thread while frames flow, two instances on the one shared backend at once, an instance
+// ended while its frames flow and its stale handle, the backend shut down or made by two creates.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -31,18 +28,6 @@ void WaitFor(const std::atomic<int>& frames, int count) {
     }
 }
 
-std::string Overlay(const std::string& alpha) {
-    return PresenterConfig(R"("mode": "overlay", "weathermanAlpha": ")" + alpha +
-                           R"(", "weathermanSize": "0.5", "weathermanOffsetX": "0.1", )"
-                           R"("weathermanOffsetY": "0")");
-}
-std::string Underlay(int variant) {
-    return PresenterConfig(R"("mode": "underlay", "weathermanSize": "0.4", )"
-                           R"("weathermanOffsetX": "0", "weathermanOffsetY": "0.1", )"
-                           R"("weathermanUnderlayMode": ")" +
-                           std::to_string(variant) + "\"");
-}
-
 }  // namespace
 
 TEST(EngineConcurrency, EffectPresenterAndFeedbackUpdatesWhileFramesFlow) {
@@ -53,15 +38,17 @@ TEST(EngineConcurrency, EffectPresenterAndFeedbackUpdatesWhileFramesFlow) {
     Frame out(kW, kH, ZYN_FORMAT_NV12), slide(640, 360, ZYN_FORMAT_NV12);
     Frame composed(640, 360, ZYN_FORMAT_I420);
     slide.fill(235, 128, 128);
-    ASSERT_EQ(0u, instance.update(Overlay("1.0")));  // effects and presenter, both applied
+    const std::string opaque = Layered("overlay", R"("weathermanAlpha": "1.0")", "0.5", "0.1");
+    ASSERT_EQ(0u, instance.update(opaque));  // effects and presenter, both applied
+    const std::string keyed = R"("weathermanUnderlayMode": ")";
     const std::vector<std::string> configs = {BackgroundConfig("conc_green.png"),
-                                              Overlay("0.5"),
+                                              Layered("overlay", R"("weathermanAlpha": "0.5")"),
                                               BlurAndTouchUpConfig("0.05"),
-                                              Underlay(0),
+                                              Layered("underlay", keyed + "0\"", "0.4"),
                                               BlurAndTouchUpConfig("0.2"),
-                                              Underlay(1),
+                                              Layered("underlay", keyed + "1\"", "0.4"),
                                               TouchUpConfig("0.1"),
-                                              Overlay("1.0"),
+                                              opaque,
                                               BlurConfig(),
                                               BackgroundConfig("conc_red.png")};
     std::atomic<bool> done{false};
@@ -141,11 +128,9 @@ TEST(EngineConcurrency, EachInstanceGetsTheMaskOfItsOwnFrame) {
     EXPECT_LT(worst[1], 0.5);
 }
 
-// Frames flow on a thread of their own while the control thread ends the instance the way a host
-// can without meaning to: an update that is rejected (3), or a feedback request made while the
-// previous one still waits for its frame (2). Every frame returns 0 until then and 2 from then on.
-// The handle value kept from before reaches nothing, not even an instance made since then (which
-// may sit where the old one was): every call fails with its failure value.
+// A rejected update (3) or a feedback request while the previous one waits (2) ends the instance
+// while its frames flow: 0 until then, 2 from then on. The stale handle reaches nothing, not even
+// an instance made since (which may sit where the old one was).
 TEST(EngineConcurrency, InstanceEndedByAFailedUpdateWhileFramesFlowAndItsStaleHandle) {
     auto in = AstronautFrame(kW, kH, ZYN_FORMAT_NV12);
     Frame out(kW, kH, ZYN_FORMAT_NV12);

@@ -83,17 +83,10 @@ class Frame {
     }
 
     ZynNativeInputFrame record() {
-        ZynNativeInputFrame r{};
-        r.width = width_;
-        r.height = height_;
-        r.format = format_;
-        r.plane0 = y_.data();
-        r.stride0 = strideY_;
-        r.plane1 = uv_.data();
-        r.stride1 = strideUV_;
-        r.plane2 = nv12() ? nullptr : uv_.data() + uv_.size() / 2;
-        r.stride2 = nv12() ? 0 : strideUV_;
-        return r;
+        uint8_t* const v = nv12() ? nullptr : uv_.data() + uv_.size() / 2;
+        const uint32_t vStride = nv12() ? 0 : strideUV_;
+        return {width_,     height_,   format_, y_.data(), strideY_,
+                uv_.data(), strideUV_, v,       vStride,   0.0f};
     }
     uint32_t width() const { return width_; }
     uint32_t height() const { return height_; }
@@ -105,15 +98,11 @@ class Frame {
     // Visits every picture byte in packed I420 order (Y, U, V without padding).
     template <typename Fn>
     void forEachByte(Fn fn) {
-        for (uint32_t y = 0; y < height_; ++y) {
-            for (uint32_t x = 0; x < width_; ++x) {
-                fn(y_[y * strideY_ + x]);
-            }
-        }
-        for (int which = 0; which < 2; ++which) {
-            for (uint32_t y = 0; y < (height_ + 1) / 2; ++y) {
-                for (uint32_t x = 0; x < (width_ + 1) / 2; ++x) {
-                    fn(uv_[chroma(x, y, which)]);
+        for (int p = 0; p < 3; ++p) {
+            const uint32_t w = p ? (width_ + 1) / 2 : width_, h = p ? (height_ + 1) / 2 : height_;
+            for (uint32_t y = 0; y < h; ++y) {
+                for (uint32_t x = 0; x < w; ++x) {
+                    fn(p == 0 ? y_[y * strideY_ + x] : uv_[chroma(x, y, p - 1)]);
                 }
             }
         }
@@ -128,13 +117,11 @@ class Frame {
         forEachByte([&](uint8_t& b) { b = packed[i++]; });
     }
     void fill(uint8_t y, uint8_t u, uint8_t v) {
-        const size_t luma = static_cast<size_t>(width_) * height_;
-        const size_t uEnd = luma + static_cast<size_t>((width_ + 1) / 2) * ((height_ + 1) / 2);
-        size_t i = 0;
-        forEachByte([&](uint8_t& b) {
-            b = i < luma ? y : i < uEnd ? u : v;
-            ++i;
-        });
+        const size_t luma = size_t{width_} * height_, c = ((width_ + 1) / 2) * ((height_ + 1) / 2);
+        std::vector<uint8_t> packed(luma + 2 * c, y);
+        std::fill_n(packed.begin() + luma, c, u);
+        std::fill_n(packed.begin() + luma + c, c, v);
+        setPackedI420(packed);
     }
     // The padding after each luma row is still as it was made (0).
     bool lumaPaddingUntouched() const {
@@ -166,28 +153,19 @@ inline void RunOrThrow(const std::string& command) {
 
 // The astronaut sample picture as a camera frame: scaled to the frame height and centred on a flat
 // grey wall (luma about 128), so that the frame's left and right strips are certainly background.
-// Made once per even size; an odd frame is the top-left part of the next even one.
+// An odd frame is the top-left part of the next even one.
 inline std::unique_ptr<Frame> AstronautFrame(uint32_t width, uint32_t height, uint32_t format) {
-    const std::string ew = std::to_string((width + 1) & ~1u),
+    const std::string w = std::to_string(width), h = std::to_string(height),
                       eh = std::to_string((height + 1) & ~1u);
-    const fs::path raw = Library::Get().scratch() / ("astronaut_" + ew + "x" + eh + ".yuv");
+    const fs::path raw = Library::Get().scratch() / ("astronaut_" + w + "x" + h + ".yuv");
     if (!fs::exists(raw)) {
         RunOrThrow("ffmpeg -y -v error -i '" + zyn_test::SampleImage("astronaut.png").string() +
-                   "' -vf 'scale=-2:" + eh + ",pad=" + ew + ":" + eh +
-                   ":(ow-iw)/2:0:color=0x808080' -pix_fmt yuv420p -f rawvideo '" + raw.string() +
-                   "'");
+                   "' -vf 'scale=-2:" + eh + ",pad=" + std::to_string((width + 1) & ~1u) + ":" +
+                   eh + ":(ow-iw)/2:0:color=0x808080,crop=" + w + ":" + h +
+                   ":0:0:exact=1' -pix_fmt yuv420p -f rawvideo '" + raw.string() + "'");
     }
-    Frame whole(std::stoi(ew), std::stoi(eh), ZYN_FORMAT_I420);
-    whole.setPackedI420(ReadBytes(raw));
     auto frame = std::make_unique<Frame>(width, height, format);
-    const ZynNativeInputFrame w = whole.record(), f = frame->record();
-    if (format == ZYN_FORMAT_NV12) {
-        libyuv::I420ToNV12(w.plane0, w.stride0, w.plane1, w.stride1, w.plane2, w.stride2, f.plane0,
-                           f.stride0, f.plane1, f.stride1, width, height);
-    } else {
-        libyuv::I420Copy(w.plane0, w.stride0, w.plane1, w.stride1, w.plane2, w.stride2, f.plane0,
-                         f.stride0, f.plane1, f.stride1, f.plane2, f.stride2, width, height);
-    }
+    frame->setPackedI420(ReadBytes(raw));
     return frame;
 }
 
@@ -204,9 +182,6 @@ inline Box PictureBox(uint32_t width, uint32_t height, double x0, double y0, dou
 }
 inline Box FaceBox(uint32_t w, uint32_t h) {
     return PictureBox(w, h, 0.39, 0.14, 0.53, 0.30);
-}
-inline Box TorsoBox(uint32_t w, uint32_t h) {
-    return PictureBox(w, h, 0.18, 0.64, 0.58, 0.88);
 }
 inline Box ShuttleBox(uint32_t w, uint32_t h) {
     return PictureBox(w, h, 0.72, 0.05, 0.90, 0.50);
@@ -233,17 +208,20 @@ double MeanOver(const Frame& f, const Box& box, Fn fn) {
     }
     return n == 0 ? 0.0 : sum / n;
 }
-// Mean absolute luma and chroma difference of two frames, or of a frame from a flat colour.
-inline double MeanDifference(const Frame& a, const Frame& b, const Box& box) {
-    return MeanOver(a, box, [&](uint32_t x, uint32_t y) {
-        return std::abs(a.lumaAt(x, y) - b.lumaAt(x, y)) + std::abs(a.uAt(x, y) - b.uAt(x, y)) +
-               std::abs(a.vAt(x, y) - b.vAt(x, y));
+// Mean absolute luma and chroma difference of two frames over a box of `b`, `a` read at (dx, dy)
+// from it; or of a frame from a flat colour.
+inline double MeanDifference(const Frame& a, const Frame& b, const Box& box, uint32_t dx = 0,
+                             uint32_t dy = 0) {
+    return MeanOver(b, box, [&](uint32_t x, uint32_t y) {
+        return std::abs(a.lumaAt(x + dx, y + dy) - b.lumaAt(x, y)) +
+               std::abs(a.uAt(x + dx, y + dy) - b.uAt(x, y)) +
+               std::abs(a.vAt(x + dx, y + dy) - b.vAt(x, y));
     });
 }
-inline double MeanDistanceFrom(const Frame& a, uint8_t y, uint8_t u, uint8_t v, const Box& box) {
-    return MeanOver(a, box, [&](uint32_t px, uint32_t py) {
-        return std::abs(a.lumaAt(px, py) - y) + std::abs(a.uAt(px, py) - u) +
-               std::abs(a.vAt(px, py) - v);
+inline double MeanDistanceFrom(const Frame& a, const Yuv& c, const Box& box) {
+    return MeanOver(a, box, [&](uint32_t x, uint32_t y) {
+        return std::abs(a.lumaAt(x, y) - c.y) + std::abs(a.uAt(x, y) - c.u) +
+               std::abs(a.vAt(x, y) - c.v);
     });
 }
 inline std::pair<double, double> MeanChroma(const Frame& f, const Box& box) {
@@ -348,6 +326,13 @@ inline std::string BlurAndTouchUpConfig(const std::string& sigma) {
 // A presenter layout: `fields` follow the name, e.g. "mode": "overlay".
 inline std::string PresenterConfig(const std::string& fields) {
     return EffectsConfig(R"({"name": "weatherman", )" + fields + "}");
+}
+// A layered layout ("overlay", "underlay") of a size and an x offset, centred vertically.
+inline std::string Layered(const std::string& mode, const std::string& fields,
+                           const std::string& size = "0.5", const std::string& offsetX = "0") {
+    return PresenterConfig(R"("mode": ")" + mode + R"(", "weathermanSize": ")" + size +
+                           R"(", "weathermanOffsetX": ")" + offsetX +
+                           R"(", "weathermanOffsetY": "0", )" + fields);
 }
 
 }  // namespace engine_test
