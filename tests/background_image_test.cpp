@@ -10,6 +10,7 @@ extern "C" {
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -37,8 +38,8 @@ std::shared_ptr<BackgroundImage> Picture(const std::string& name, uint32_t type 
     return std::make_shared<BackgroundImage>(MediaSettings(VBG::BtImage, type, Media(name)));
 }
 
-// tiny.png, written as `name`, with a header that declares width x height (its CRC made to match).
-std::string PngDeclaring(const std::string& name, uint32_t width, uint32_t height) {
+// tiny.png with a header that declares width x height (its CRC made to match); returns its path.
+std::string PngDeclaring(uint32_t width, uint32_t height) {
     std::string png = MediaBytes("tiny.png");
     auto put32 = [&png](size_t at, uint32_t value) {
         for (int i = 0; i < 4; ++i) {
@@ -49,7 +50,7 @@ std::string PngDeclaring(const std::string& name, uint32_t width, uint32_t heigh
     put32(20, height);
     const auto* bytes = reinterpret_cast<const uint8_t*>(png.data());
     put32(29, ~av_crc(av_crc_get_table(AV_CRC_32_IEEE_LE), 0xFFFFFFFFu, bytes + 12, 17));
-    return zyn_test::WriteMedia(name, png);
+    return zyn_test::WriteMedia(fmt::format("{}x{}.png", width, height), png);
 }
 
 TEST(BackgroundPicture, CroppedAroundItsCentreAndRecroppedOnlyWhenBothSidesChange) {
@@ -117,23 +118,81 @@ TEST(BackgroundPicture, AnimatedGifShowsEachFrameForItsStoredDelay) {
     }
 }
 
-TEST(BackgroundPicture, SizeLimitsAreCheckedBeforeDecoding) {
-    // 16384 pixels per side and 64 Mi (67108864) pixels in all.
+TEST(BackgroundPicture, EachFormatIsDecodedWithinItsLimitsAndOnlyFromARegularFile) {
+    const std::string png = Media("tiny.png"), jpeg = Media("colour.jpg"), gif = Media("rgb.gif");
+    const std::string pngBytes = MediaBytes("tiny.png"), link = Media("link.png");
+    std::error_code exists;
+    std::filesystem::create_symlink(png, link, exists);
     const struct {
-        uint32_t width, height;
-        bool refused;
-    } sizes[] = {{16385, 16, true}, {16, 16385, true}, {16384, 4097, true}, {16384, 16, false}};
-    VBG::Media::DecodedPicture picture;
-    for (const auto& s : sizes) {
-        zyn_test::LogCapture log;
-        const auto source = MediaSource::File(PngDeclaring("declared.png", s.width, s.height));
-        EXPECT_EQ(DecodePicture(source, false, picture) == AVERROR(E2BIG), s.refused) << s.width;
-        EXPECT_EQ(log.count(fmt::format("Picture of {}x{} from {} refused: the limits are 16384 "
-                                        "pixels per side and 67108864 pixels in all",
-                                        s.width, s.height, source.describe())),
-                  s.refused ? 1u : 0u)
-            << log.dump();
-    }
+        std::string file;
+        char limit;  // the limit set to `value`: side, pixels, frames, bytes of frames, file bytes
+        int64_t value;
+        int rc;
+        size_t frames;
+        uint32_t centre;     // RGB of the first frame's centre
+        std::string record;  // part of the one record, or WxH of a refused size
+    } cases[] = {
+        // By default 16384 pixels per side and 64 Mi (67108864) pixels in all, read from the
+        // header before decoding.
+        {PngDeclaring(16385, 16), 0, 0, AVERROR(E2BIG), 0, 0, "16385x16"},
+        {PngDeclaring(16, 16385), 0, 0, AVERROR(E2BIG), 0, 0, "16x16385"},
+        {PngDeclaring(16384, 4097), 0, 0, AVERROR(E2BIG), 0, 0, "16384x4097"},
+        {PngDeclaring(16384, 16), 0, 0, AVERROR_INVALIDDATA, 0, 0, "No picture decoded"},
+        {png, 's', 15, AVERROR(E2BIG), 0, 0, "16x16"},
+        {png, 'p', 16 * 16 - 1, AVERROR(E2BIG), 0, 0, "16x16"},
+        {png, 0, 0, 0, 1, 0xFF0000, ""},
+        // JPEG is full-range BT.601: with the wrong range each channel is off by 10 or more.
+        {jpeg, 's', 63, AVERROR(E2BIG), 0, 0, "64x48"},
+        {jpeg, 'p', 64 * 48 - 1, AVERROR(E2BIG), 0, 0, "64x48"},
+        {jpeg, 0, 0, 0, 1, 0xC83C64, ""},
+        {gif, 's', 127, AVERROR(E2BIG), 0, 0, "128x48"},
+        {gif, 'p', 128 * 48 - 1, AVERROR(E2BIG), 0, 0, "128x48"},
+        {gif, 0, 0, 0, 3, 0xFF0000, ""},
+        // An animation keeps the frames within its budget of 256 MiB of frames by default.
+        {gif, 'f', 2, 0, 2, 0xFF0000, "first 2 frames (limits: 2 frames, 268435456 bytes)"},
+        {gif, 'b', 128 * 48 * 4 + 100, 0, 1, 0xFF0000,
+         "first 1 frames (limits: 1024 frames, 24676 bytes)"},
+        {png, 'F', int64_t(pngBytes.size()), 0, 1, 0xFF0000, ""},
+        {png, 'F', int64_t(pngBytes.size() - 1), AVERROR(E2BIG), 0, 0,
+         fmt::format("it is larger than {} bytes", pngBytes.size() - 1)},
+        {link, 0, 0, AVERROR(ELOOP), 0, 0, "it is a symbolic link"},
+        {Media("fifo.png"), 0, 0, AVERROR(EINVAL), 0, 0, "it is not a regular file"},
+        {zyn_test::WriteMedia("text.png", "no picture\n"), 0, 0, AVERROR_INVALIDDATA, 0, 0,
+         "holds no PNG, JPEG or GIF picture"},
+    };
+    EXPECT_TRUE(zyn_test::RunsWithoutBlockingOnFifo(Media("fifo.png"), [&] {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.file + " " + c.limit);
+            zyn_test::LogCapture log;
+            VBG::Media::PictureLimits limits;
+            limits.maxSide = c.limit == 's' ? int(c.value) : limits.maxSide;
+            limits.maxPixels = c.limit == 'p' ? c.value : limits.maxPixels;
+            limits.maxFrames = c.limit == 'f' ? size_t(c.value) : limits.maxFrames;
+            limits.maxTotalBytes = c.limit == 'b' ? size_t(c.value) : limits.maxTotalBytes;
+            limits.maxFileBytes = c.limit == 'F' ? uint64_t(c.value) : limits.maxFileBytes;
+            VBG::Media::DecodedPicture picture;
+            const auto source = MediaSource::File(c.file);
+            EXPECT_EQ(DecodePicture(source, true, picture, limits), c.rc);
+            std::string record = c.record;
+            if (std::isdigit(record[0])) {
+                record = fmt::format(
+                    "Picture of {} from {} refused: the limits are {} pixels per side "
+                    "and {} pixels in all",
+                    record, source.describe(), c.limit == 's' ? c.value : 16384,
+                    c.limit == 'p' ? c.value : 67108864);
+            }
+            EXPECT_TRUE(record.empty() || log.countContaining(record) == 1u) << log.dump();
+            EXPECT_EQ(log.countAt(spdlog::level::err), c.rc < 0 ? 1u : 0u) << log.dump();
+            ASSERT_EQ(picture.frames.size(), c.frames) << log.dump();
+            if (c.frames > 0) {
+                const size_t at = (picture.height / 2 * picture.width + picture.width / 2) * 4;
+                const uint8_t* p = &picture.frames[0].argb[at];
+                EXPECT_NEAR(p[2], c.centre >> 16, 3);
+                EXPECT_NEAR(p[1], c.centre >> 8 & 0xFF, 3);
+                EXPECT_NEAR(p[0], c.centre & 0xFF, 3);
+            }
+        }
+    }));
 }
 
 TEST(BackgroundVideo, UnusablePicturesAndVideosGiveOneRecordAndNoBackground) {

@@ -45,6 +45,7 @@ inline std::string Media(const std::string& name) {
          "color=0x0000FF:t=fill,drawbox=x=240:y=0:w=1440:h=108:color=0xFFFF00:t=fill\" -frames:v "
          "1"},
         {"tiny.png", "-f lavfi -i color=c=red:s=16x16 -frames:v 1"},
+        {"colour.jpg", "-f lavfi -i color=c=0xC83C64:s=64x48 -frames:v 1 -q:v 1"},
         {"short.mp4", "-f lavfi -i testsrc2=s=160x120:r=10:d=0.5 -c:v libx264 -pix_fmt yuv420p"},
         {"audio.mp4", "-f lavfi -i sine=d=0.5 -c:a aac"},
         {"wide.mkv", "-f lavfi -i color=c=red:s=20000x16:r=5:d=0.2 -c:v mjpeg -pix_fmt yuvj420p"},
