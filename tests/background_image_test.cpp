@@ -17,6 +17,7 @@ extern "C" {
 #include <vector>
 
 #include "media/picture_decoder.h"
+#include "media/video_decoder.h"
 #include "media_fixtures.h"
 #include "support/log_capture.h"
 #include "util/log.h"
@@ -51,6 +52,14 @@ std::string PngDeclaring(uint32_t width, uint32_t height) {
     const auto* bytes = reinterpret_cast<const uint8_t*>(png.data());
     put32(29, ~av_crc(av_crc_get_table(AV_CRC_32_IEEE_LE), 0xFFFFFFFFu, bytes + 12, 17));
     return zyn_test::WriteMedia(fmt::format("{}x{}.png", width, height), png);
+}
+
+// The centre pixel of a width x height ARGB picture is `rgb`, give or take 3 per channel.
+void ExpectCentre(const std::vector<uint8_t>& argb, int width, int height, uint32_t rgb) {
+    const uint8_t* p = &argb[(height / 2 * width + width / 2) * 4];
+    EXPECT_NEAR(p[2], rgb >> 16, 3);
+    EXPECT_NEAR(p[1], rgb >> 8 & 0xFF, 3);
+    EXPECT_NEAR(p[0], rgb & 0xFF, 3);
 }
 
 TEST(BackgroundPicture, CroppedAroundItsCentreAndRecroppedOnlyWhenBothSidesChange) {
@@ -185,14 +194,26 @@ TEST(BackgroundPicture, EachFormatIsDecodedWithinItsLimitsAndOnlyFromARegularFil
             EXPECT_EQ(log.countAt(spdlog::level::err), c.rc < 0 ? 1u : 0u) << log.dump();
             ASSERT_EQ(picture.frames.size(), c.frames) << log.dump();
             if (c.frames > 0) {
-                const size_t at = (picture.height / 2 * picture.width + picture.width / 2) * 4;
-                const uint8_t* p = &picture.frames[0].argb[at];
-                EXPECT_NEAR(p[2], c.centre >> 16, 3);
-                EXPECT_NEAR(p[1], c.centre >> 8 & 0xFF, 3);
-                EXPECT_NEAR(p[0], c.centre & 0xFF, 3);
+                ExpectCentre(picture.frames[0].argb, picture.width, picture.height, c.centre);
             }
         }
     }));
+}
+
+TEST(BackgroundVideo, ConversionFollowsEachFramesColourMatrixAndRange) {
+    // Read with the BT.601 matrix red would be off by about 12, with the wrong range every
+    // channel by 10 or more.
+    for (const char* name : {"bt709.mp4", "bt709_full.mp4"}) {
+        SCOPED_TRACE(name);
+        VBG::Media::VideoDecoder decoder;
+        ASSERT_EQ(decoder.open(MediaSource::File(Media(name))), 0);
+        EXPECT_EQ(std::make_pair(decoder.width(), decoder.height()), std::make_pair(64, 48));
+        VBG::Media::FramePtr frame(av_frame_alloc());
+        ASSERT_EQ(decoder.nextFrame(frame.get()), 0);
+        std::vector<uint8_t> argb(64 * 48 * 4);
+        ASSERT_EQ(VBG::Media::ArgbConverter().convert(frame.get(), argb.data(), 64 * 4), 0);
+        ExpectCentre(argb, 64, 48, 0xC83C64);
+    }
 }
 
 TEST(BackgroundVideo, UnusablePicturesAndVideosGiveOneRecordAndNoBackground) {

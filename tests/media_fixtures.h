@@ -36,6 +36,10 @@ inline std::string Media(const std::string& name) {
         "-f lavfi -i \"color=c=black:s=128x48:r=4,geq=r='if(eq(N\\,0)\\,255\\,0)':g='if(eq(N\\,1)"
         "\\,255\\,0)':b='if(eq(N\\,2)\\,255\\,0)',drawbox=w=32:h=48:color=black:t=fill,"
         "drawbox=x=96:w=32:h=48:color=black:t=fill\" -frames:v 3";
+    // R 200 G 60 B 100 stored losslessly with the BT.709 matrix, in the range that follows.
+    static const std::string k709 =
+        "-f lavfi -i color=c=0xC83C64:s=64x48:r=10:d=0.3 -c:v libx264 -qp 0 -colorspace bt709 -vf "
+        "format=rgb24,scale=out_color_matrix=bt709:out_range=";
     static const std::map<std::string, std::string> recipes = {
         // 1920x1080: red columns 0-239, blue columns 1680-1919, green between with a yellow band
         // over rows 0-107, so that the position of a crop shows in its pixels.
@@ -45,6 +49,8 @@ inline std::string Media(const std::string& name) {
          "color=0x0000FF:t=fill,drawbox=x=240:y=0:w=1440:h=108:color=0xFFFF00:t=fill\" -frames:v "
          "1"},
         {"tiny.png", "-f lavfi -i color=c=red:s=16x16 -frames:v 1"},
+        {"bt709.mp4", k709 + "tv,format=yuv420p -color_range tv"},
+        {"bt709_full.mp4", k709 + "pc,format=yuv420p -color_range pc"},
         {"colour.jpg", "-f lavfi -i color=c=0xC83C64:s=64x48 -frames:v 1 -q:v 1"},
         {"short.mp4", "-f lavfi -i testsrc2=s=160x120:r=10:d=0.5 -c:v libx264 -pix_fmt yuv420p"},
         {"audio.mp4", "-f lavfi -i sine=d=0.5 -c:a aac"},
