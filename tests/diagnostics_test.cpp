@@ -227,20 +227,17 @@ TEST(Services, LogFileNameTextFieldsExceptionReportAndGpuRecords) {
                               "system, GPU cannot be used for ML"));
     EXPECT_TRUE(log.hasFrom("VBG::D3D12Utils::IsGpuAvailable",
                             "IsGpuAvailable failed. D3D11 Hardware Layer is not supported"));
-    // The names records give resources (keys 0-25; 0, 13-17 and 25 have none) and background types.
+    // Names in records: resources by key 0-25 (0, 13-17 and 25 have none), background types 0-4.
+    namespace D = VBG::D3D12Utils;
     std::string names;
-    for (uint32_t key = 0; key <= 25; ++key) {
-        names += VBG::D3D12Utils::ResourceName(key) + " ";
+    for (uint32_t key = 0; key <= 30; ++key) {
+        names += (key <= 25 ? D::ResourceName(key) : D::BackgroundTypeName(key - 26)) + " ";
     }
-    for (uint32_t bt : {0u, 1u, 2u, 3u, 4u}) {
-        names += VBG::D3D12Utils::BackgroundTypeName(bt) + " ";
-    }
-    EXPECT_EQ(
-        names,
-        "None BGRASourceImage BGRASourceImageUpload RT1 RT2 BlurMask BlurMaskUpload "
-        "BlurBGRAMask BlurBGRAMaskUpload BlurBGRAMaskRTV FinalBGRACPUData RT3 BackgroundImage "
-        "None None None None None BGRAPresentationImage BGRAPresentationImageUpload "
-        "PresentationRT1 FinalBGRACPUDataPresentation PresentationRT2 "
-        "BackgroundPresentationImage BackgroundPresentationImageUpload None "
-        "None Blur Image Video Unknown ");
+    EXPECT_EQ(names,
+              "None BGRASourceImage BGRASourceImageUpload RT1 RT2 BlurMask BlurMaskUpload "
+              "BlurBGRAMask BlurBGRAMaskUpload BlurBGRAMaskRTV FinalBGRACPUData RT3 "
+              "BackgroundImage None None None None None BGRAPresentationImage "
+              "BGRAPresentationImageUpload PresentationRT1 FinalBGRACPUDataPresentation "
+              "PresentationRT2 BackgroundPresentationImage BackgroundPresentationImageUpload "
+              "None None Blur Image Video Unknown ");
 }

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <string>
@@ -36,10 +35,6 @@ inline std::string Media(const std::string& name) {
         "-f lavfi -i \"color=c=black:s=128x48:r=4,geq=r='if(eq(N\\,0)\\,255\\,0)':g='if(eq(N\\,1)"
         "\\,255\\,0)':b='if(eq(N\\,2)\\,255\\,0)',drawbox=w=32:h=48:color=black:t=fill,"
         "drawbox=x=96:w=32:h=48:color=black:t=fill\" -frames:v 3";
-    // R 200 G 60 B 100 stored losslessly with the BT.709 matrix, in the range that follows.
-    static const std::string k709 =
-        "-f lavfi -i color=c=0xC83C64:s=64x48:r=10:d=0.3 -c:v libx264 -qp 0 -colorspace bt709 -vf "
-        "format=rgb24,scale=out_color_matrix=bt709:out_range=";
     static const std::map<std::string, std::string> recipes = {
         // 1920x1080: red columns 0-239, blue columns 1680-1919, green between with a yellow band
         // over rows 0-107, so that the position of a crop shows in its pixels.
@@ -49,8 +44,10 @@ inline std::string Media(const std::string& name) {
          "color=0x0000FF:t=fill,drawbox=x=240:y=0:w=1440:h=108:color=0xFFFF00:t=fill\" -frames:v "
          "1"},
         {"tiny.png", "-f lavfi -i color=c=red:s=16x16 -frames:v 1"},
-        {"bt709.mp4", k709 + "tv,format=yuv420p -color_range tv"},
-        {"bt709_full.mp4", k709 + "pc,format=yuv420p -color_range pc"},
+        // R 200 G 60 B 100 stored losslessly, full range with the BT.709 matrix.
+        {"bt709_full.mp4",
+         "-f lavfi -i color=c=0xC83C64:s=64x48:r=10:d=0.3 -vf format=rgb24,scale=out_color_matrix="
+         "bt709:out_range=pc,format=yuv420p -color_range pc -colorspace bt709 -c:v libx264 -qp 0"},
         {"colour.jpg", "-f lavfi -i color=c=0xC83C64:s=64x48 -frames:v 1 -q:v 1"},
         {"short.mp4", "-f lavfi -i testsrc2=s=160x120:r=10:d=0.5 -c:v libx264 -pix_fmt yuv420p"},
         {"audio.mp4", "-f lavfi -i sine=d=0.5 -c:a aac"},
@@ -103,16 +100,6 @@ inline size_t ThreadCount() {
     }
     const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
     return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
-}
-
-// Polls `condition` every millisecond until it holds or `timeout` passes; returns its last value.
-inline bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    const auto end = std::chrono::steady_clock::now() + timeout;
-    bool holds = false;
-    while (!(holds = condition()) && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return holds;
 }
 
 // The pure test colour an ARGB pixel (B, G, R, A bytes) is closest to: r, g, b, y or k; else '?'.
