@@ -151,7 +151,7 @@ TEST(BackgroundPicture, EachFormatIsDecodedWithinItsLimitsAndOnlyFromARegularFil
     };
     EXPECT_TRUE(zyn_test::RunsWithoutBlockingOnFifo(Media("fifo.png"), [&] {
         for (const auto& c : cases) {
-            SCOPED_TRACE(c.file + " " + c.limit);
+            SCOPED_TRACE(c.file + " " + (c.limit != 0 ? c.limit : '-'));
             zyn_test::LogCapture log;
             VBG::Media::PictureLimits limits;
             limits.maxSide = c.limit == 's' ? int(c.value) : limits.maxSide;
@@ -170,8 +170,8 @@ TEST(BackgroundPicture, EachFormatIsDecodedWithinItsLimitsAndOnlyFromARegularFil
             }
             EXPECT_TRUE(record.empty() || log.countContaining(record) == 1u) << log.dump();
             EXPECT_EQ(log.countAt(spdlog::level::err), c.rc < 0 ? 1u : 0u) << log.dump();
-            ASSERT_EQ(picture.frames.size(), size_t(c.frames)) << log.dump();
-            if (c.centre != 0) {
+            EXPECT_EQ(picture.frames.size(), size_t(c.frames)) << log.dump();
+            if (c.centre != 0 && !picture.frames.empty()) {
                 ExpectCentre(picture.frames[0].argb, picture.width, picture.height, c.centre);
             }
         }
