@@ -3,10 +3,6 @@
 // and every kind of unusable picture and video.
 #include "media/background_image.h"
 
-extern "C" {
-#include <libavutil/crc.h>
-}
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,6 +12,7 @@ extern "C" {
 #include <vector>
 
 #include "media/picture_decoder.h"
+#include "media/video_decoder.h"
 #include "media_fixtures.h"
 #include "support/log_capture.h"
 #include "util/log.h"
@@ -37,19 +34,19 @@ std::shared_ptr<BackgroundImage> Picture(const std::string& name, uint32_t type 
     return std::make_shared<BackgroundImage>(MediaSettings(VBG::BtImage, type, Media(name)));
 }
 
-// tiny.png, written as `name`, with a header that declares width x height (its CRC made to match).
-std::string PngDeclaring(const std::string& name, uint32_t width, uint32_t height) {
-    std::string png = MediaBytes("tiny.png");
-    auto put32 = [&png](size_t at, uint32_t value) {
-        for (int i = 0; i < 4; ++i) {
-            png[at + i] = static_cast<char>(value >> (24 - 8 * i));
-        }
-    };
-    put32(16, width);
-    put32(20, height);
-    const auto* bytes = reinterpret_cast<const uint8_t*>(png.data());
-    put32(29, ~av_crc(av_crc_get_table(AV_CRC_32_IEEE_LE), 0xFFFFFFFFu, bytes + 12, 17));
-    return zyn_test::WriteMedia(name, png);
+// rgb.gif with a logical screen (the canvas its frames are drawn on) of width x height.
+std::string GifDeclaring(uint16_t width, uint16_t height) {
+    const char size[] = {char(width), char(width >> 8), char(height), char(height >> 8)};
+    return zyn_test::WriteMedia(fmt::format("{}x{}.gif", width, height),
+                                MediaBytes("rgb.gif").replace(6, 4, size, 4));
+}
+
+// The centre pixel of a width x height ARGB picture is `rgb`, give or take 3 per channel.
+void ExpectCentre(const std::vector<uint8_t>& argb, int width, int height, uint32_t rgb) {
+    const uint8_t* p = &argb[(height / 2 * width + width / 2) * 4];
+    EXPECT_NEAR(p[2], rgb >> 16, 3);
+    EXPECT_NEAR(p[1], rgb >> 8 & 0xFF, 3);
+    EXPECT_NEAR(p[0], rgb & 0xFF, 3);
 }
 
 TEST(BackgroundPicture, CroppedAroundItsCentreAndRecroppedOnlyWhenBothSidesChange) {
@@ -117,23 +114,81 @@ TEST(BackgroundPicture, AnimatedGifShowsEachFrameForItsStoredDelay) {
     }
 }
 
-TEST(BackgroundPicture, SizeLimitsAreCheckedBeforeDecoding) {
-    // 16384 pixels per side and 64 Mi (67108864) pixels in all.
+TEST(BackgroundPicture, EachFormatIsDecodedWithinItsLimitsAndOnlyFromARegularFile) {
+    const std::string png = Media("tiny.png"), jpeg = Media("colour.jpg"), gif = Media("rgb.gif");
+    const std::string link = Media("link.png"), text = zyn_test::WriteMedia("text.png", "text\n");
+    const auto pngSize = int64_t(MediaBytes("tiny.png").size());
+    std::error_code exists;
+    std::filesystem::create_symlink(png, link, exists);
     const struct {
-        uint32_t width, height;
-        bool refused;
-    } sizes[] = {{16385, 16, true}, {16, 16385, true}, {16384, 4097, true}, {16384, 16, false}};
-    VBG::Media::DecodedPicture picture;
-    for (const auto& s : sizes) {
-        zyn_test::LogCapture log;
-        const auto source = MediaSource::File(PngDeclaring("declared.png", s.width, s.height));
-        EXPECT_EQ(DecodePicture(source, false, picture) == AVERROR(E2BIG), s.refused) << s.width;
-        EXPECT_EQ(log.count(fmt::format("Picture of {}x{} from {} refused: the limits are 16384 "
-                                        "pixels per side and 67108864 pixels in all",
-                                        s.width, s.height, source.describe())),
-                  s.refused ? 1u : 0u)
-            << log.dump();
-    }
+        std::string file;
+        char limit;  // the limit set to `value`: side, frames, bytes of frames, file bytes
+        int64_t value;
+        int rc, frames;
+        uint32_t centre;     // RGB of the first frame's centre
+        std::string record;  // part of the one record, or WxH of a refused size
+    } cases[] = {
+        // By default 16384 pixels per side and 64 Mi (67108864) pixels in all, read from each
+        // format's header before decoding.
+        {GifDeclaring(16385, 16), 0, 0, AVERROR(E2BIG), 0, 0, "16385x16"},
+        {GifDeclaring(16, 16385), 0, 0, AVERROR(E2BIG), 0, 0, "16x16385"},
+        {GifDeclaring(16384, 4097), 0, 0, AVERROR(E2BIG), 0, 0, "16384x4097"},
+        {GifDeclaring(16384, 48), 0, 0, 0, 3, 0, ""},
+        {png, 's', 15, AVERROR(E2BIG), 0, 0, "16x16"},
+        // JPEG is full-range BT.601: with the wrong range each channel is off by 10 or more.
+        {jpeg, 's', 63, AVERROR(E2BIG), 0, 0, "64x48"},
+        {jpeg, 0, 0, 0, 1, 0xC83C64, ""},
+        {gif, 's', 127, AVERROR(E2BIG), 0, 0, "128x48"},
+        {gif, 0, 0, 0, 3, 0xFF0000, ""},
+        // Animations keep the frames within budget (256 MiB by default; a 128x48 frame: 24576 B).
+        {gif, 'f', 2, 0, 2, 0xFF0000, "first 2 frames (limits: 2 frames, 268435456 bytes)"},
+        {gif, 'b', 24676, 0, 1, 0xFF0000, "first 1 frames (limits: 1024 frames, 24676 bytes)"},
+        {png, 'F', pngSize, 0, 1, 0xFF0000, ""},
+        {png, 'F', pngSize - 1, AVERROR(E2BIG), 0, 0, "larger than " + std::to_string(pngSize - 1)},
+        {link, 0, 0, AVERROR(ELOOP), 0, 0, "it is a symbolic link"},
+        {Media("fifo.png"), 0, 0, AVERROR(EINVAL), 0, 0, "it is not a regular file"},
+        {text, 0, 0, AVERROR_INVALIDDATA, 0, 0, "holds no PNG, JPEG or GIF picture"},
+    };
+    EXPECT_TRUE(zyn_test::RunsWithoutBlockingOnFifo(Media("fifo.png"), [&] {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.file + " " + (c.limit != 0 ? c.limit : '-'));
+            zyn_test::LogCapture log;
+            VBG::Media::PictureLimits limits;
+            limits.maxSide = c.limit == 's' ? int(c.value) : limits.maxSide;
+            limits.maxFrames = c.limit == 'f' ? size_t(c.value) : limits.maxFrames;
+            limits.maxTotalBytes = c.limit == 'b' ? size_t(c.value) : limits.maxTotalBytes;
+            limits.maxFileBytes = c.limit == 'F' ? uint64_t(c.value) : limits.maxFileBytes;
+            VBG::Media::DecodedPicture picture;
+            const auto source = MediaSource::File(c.file);
+            EXPECT_EQ(DecodePicture(source, true, picture, limits), c.rc);
+            std::string record = c.record;
+            if (c.rc == AVERROR(E2BIG) && c.limit != 'F') {
+                record = fmt::format(
+                    "Picture of {} from {} refused: the limits are {} pixels per "
+                    "side and 67108864 pixels in all",
+                    record, source.describe(), c.limit == 's' ? c.value : 16384);
+            }
+            EXPECT_TRUE(record.empty() || log.countContaining(record) == 1u) << log.dump();
+            EXPECT_EQ(log.countAt(spdlog::level::err), c.rc < 0 ? 1u : 0u) << log.dump();
+            EXPECT_EQ(picture.frames.size(), size_t(c.frames)) << log.dump();
+            if (c.centre != 0 && !picture.frames.empty()) {
+                ExpectCentre(picture.frames[0].argb, picture.width, picture.height, c.centre);
+            }
+        }
+    }));
+}
+
+TEST(BackgroundVideo, FullRangeBt709IsConvertedWithItsOwnMatrixAndRange) {
+    // Read with the BT.601 matrix red would be off by about 12, with the wrong range every
+    // channel by 10 or more.
+    VBG::Media::VideoDecoder decoder;
+    ASSERT_EQ(decoder.open(MediaSource::File(Media("bt709_full.mp4"))), 0);
+    EXPECT_EQ(std::make_pair(decoder.width(), decoder.height()), std::make_pair(64, 48));
+    VBG::Media::FramePtr frame(av_frame_alloc());
+    ASSERT_EQ(decoder.nextFrame(frame.get()), 0);
+    std::vector<uint8_t> argb(64 * 48 * 4);
+    ASSERT_EQ(VBG::Media::ArgbConverter().convert(frame.get(), argb.data(), 64 * 4), 0);
+    ExpectCentre(argb, 64, 48, 0xC83C64);
 }
 
 TEST(BackgroundVideo, UnusablePicturesAndVideosGiveOneRecordAndNoBackground) {

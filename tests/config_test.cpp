@@ -441,4 +441,7 @@ TEST_F(Config, BackgroundSourcesOfTheSettings) {
     ASSERT_TRUE(VBG::D3D12Utils::ConvertToVBGSettings(config, settings));
     EXPECT_EQ(1022u, narrow(settings.modelFilePath).size());
     EXPECT_EQ("", narrow(settings.logDirectory));
+    settings.blurAlgo = 2;
+    VBG::D3D12Utils::PrintVBGSettings(settings);
+    EXPECT_EQ(1u, log_.countContaining("blurAlgo: Unknown, bt: 0, ")) << log_.dump();
 }

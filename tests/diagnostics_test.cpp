@@ -196,9 +196,14 @@ TEST(Services, LogFileNameTextFieldsExceptionReportAndGpuRecords) {
     EXPECT_EQ("/var/log/zyn/ZYNNativeVBG.log", VBG::Utils::GetAssetFullPath("/var/log/zyn"));
     EXPECT_EQ("/var/log/zyn/ZYNNativeVBG.log", VBG::Utils::GetAssetFullPath("/var/log/zyn/"));
     EXPECT_THROW(VBG::Utils::ParseProductVersion("1.2"), std::invalid_argument);
-    // Broken UTF-8 is replaced; a field keeps what fits, and one without a terminator is read to
-    // its capacity.
-    EXPECT_EQ(u"a\u00e9\uFFFDx", VBG::Text::Utf8ToUtf16("a\xC3\xA9\xFFx"));
+    // UTF-8 of one to four bytes (a, e acute, a CJK character, an astral-plane emoji) both ways.
+    // A stray byte, a cut sequence, an overlong form and a lone surrogate are replaced once each.
+    const std::string utf8 = u8"a\u00e9\u6a21\U0001F4C1";
+    EXPECT_EQ(u"a\u00e9\u6a21\U0001F4C1", VBG::Text::Utf8ToUtf16(utf8));
+    EXPECT_EQ(utf8, VBG::Text::Utf16ToUtf8(u"a\u00e9\u6a21\U0001F4C1"));
+    EXPECT_EQ(u"\uFFFDx\uFFFD\uFFFD", VBG::Text::Utf8ToUtf16("\xFFx\xE6\xA8\xC0\x80"));
+    EXPECT_EQ(u8"\uFFFDa\uFFFD", VBG::Text::Utf16ToUtf8(std::u16string{0xD800, u'a', 0xDC00}));
+    // A field keeps what fits, and one without a terminator is read to its capacity.
     char16_t field[8];
     EXPECT_TRUE(VBG::Text::CopyToField(field, 8, std::string("abc"), 6));
     EXPECT_FALSE(VBG::Text::CopyToField(field, 8, std::string("abcdefg"), 6));
@@ -222,4 +227,17 @@ TEST(Services, LogFileNameTextFieldsExceptionReportAndGpuRecords) {
                               "system, GPU cannot be used for ML"));
     EXPECT_TRUE(log.hasFrom("VBG::D3D12Utils::IsGpuAvailable",
                             "IsGpuAvailable failed. D3D11 Hardware Layer is not supported"));
+    // Names in records: resources by key 0-25 (0, 13-17 and 25 have none), background types 0-4.
+    namespace D = VBG::D3D12Utils;
+    std::string names;
+    for (uint32_t key = 0; key <= 30; ++key) {
+        names += (key <= 25 ? D::ResourceName(key) : D::BackgroundTypeName(key - 26)) + " ";
+    }
+    EXPECT_EQ(names,
+              "None BGRASourceImage BGRASourceImageUpload RT1 RT2 BlurMask BlurMaskUpload "
+              "BlurBGRAMask BlurBGRAMaskUpload BlurBGRAMaskRTV FinalBGRACPUData RT3 "
+              "BackgroundImage None None None None None BGRAPresentationImage "
+              "BGRAPresentationImageUpload PresentationRT1 FinalBGRACPUDataPresentation "
+              "PresentationRT2 BackgroundPresentationImage BackgroundPresentationImageUpload "
+              "None None Blur Image Video Unknown ");
 }

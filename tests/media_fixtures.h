@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <string>
@@ -45,6 +44,11 @@ inline std::string Media(const std::string& name) {
          "color=0x0000FF:t=fill,drawbox=x=240:y=0:w=1440:h=108:color=0xFFFF00:t=fill\" -frames:v "
          "1"},
         {"tiny.png", "-f lavfi -i color=c=red:s=16x16 -frames:v 1"},
+        // R 200 G 60 B 100 stored losslessly, full range with the BT.709 matrix.
+        {"bt709_full.mp4",
+         "-f lavfi -i color=c=0xC83C64:s=64x48:r=10:d=0.3 -vf format=rgb24,scale=out_color_matrix="
+         "bt709:out_range=pc,format=yuv420p -color_range pc -colorspace bt709 -c:v libx264 -qp 0"},
+        {"colour.jpg", "-f lavfi -i color=c=0xC83C64:s=64x48 -frames:v 1 -q:v 1"},
         {"short.mp4", "-f lavfi -i testsrc2=s=160x120:r=10:d=0.5 -c:v libx264 -pix_fmt yuv420p"},
         {"audio.mp4", "-f lavfi -i sine=d=0.5 -c:a aac"},
         {"wide.mkv", "-f lavfi -i color=c=red:s=20000x16:r=5:d=0.2 -c:v mjpeg -pix_fmt yuvj420p"},
@@ -96,16 +100,6 @@ inline size_t ThreadCount() {
     }
     const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
     return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
-}
-
-// Polls `condition` every millisecond until it holds or `timeout` passes; returns its last value.
-inline bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    const auto end = std::chrono::steady_clock::now() + timeout;
-    bool holds = false;
-    while (!(holds = condition()) && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return holds;
 }
 
 // The pure test colour an ARGB pixel (B, G, R, A bytes) is closest to: r, g, b, y or k; else '?'.

@@ -11,7 +11,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -102,8 +101,7 @@ inline long CurrentThreadId() {
 
 // State letter of /proc/<stat> ('S' sleeping, 'Z' zombie), or '\0' when it is gone.
 inline char ProcessState(const std::string& stat) {
-    std::ifstream in(stat);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string text = ReadFile(stat);
     const size_t close = text.rfind(')');
     return close == std::string::npos || close + 2 >= text.size() ? '\0' : text[close + 2];
 }
@@ -111,14 +109,9 @@ inline char ProcessState(const std::string& stat) {
 // Waits (at most `limit`) until thread `tid` of this process is asleep in the kernel, as a thread
 // blocked in a wait is. False when it did not happen in time.
 inline bool WaitUntilThreadSleeps(long tid, std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (ProcessState("/proc/self/task/" + std::to_string(tid) + "/stat") != 'S') {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+    return WaitFor(
+        [tid] { return ProcessState("/proc/self/task/" + std::to_string(tid) + "/stat") == 'S'; },
+        limit);
 }
 
 // Each test starts without a stored selection and leaves no evaluation, limits or backend behind.
@@ -132,14 +125,8 @@ class EvaluationTest : public ::testing::Test {
         VBG::DestroyVBGMLProcessingInstance();  // one backend per process, of one type
     }
     static bool waitForEvaluationEnd() {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (VBG::ProcessingTypeEvaluator::IsEvaluationRunning()) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return true;
+        return WaitFor([] { return !VBG::ProcessingTypeEvaluator::IsEvaluationRunning(); },
+                       std::chrono::seconds(30));
     }
     static const EvaluationFolders& folders() { return EvaluationFolders::Get(); }
     static void useProgram(const std::string& program,

@@ -8,12 +8,10 @@
 #include <fstream>
 #include <future>
 #include <stdexcept>
+#include <thread>
 
 namespace zyn_test {
 
-std::filesystem::path SourceDir() {
-    return ZYN_SOURCE_DIR;
-}
 std::filesystem::path LibraryPath() {
     return ZYN_LIBRARY_PATH;
 }
@@ -80,6 +78,15 @@ bool RunsWithoutBlockingOnFifo(const std::filesystem::path& path,
     }
     run.get();
     return false;
+}
+
+bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    bool holds = false;
+    while (!(holds = condition()) && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return holds;
 }
 
 }  // namespace zyn_test

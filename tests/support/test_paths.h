@@ -1,13 +1,13 @@
 // Paths the tests need: the source tree, the built library, the models, and fresh scratch folders.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <string>
 
 namespace zyn_test {
 
-std::filesystem::path SourceDir();
 std::filesystem::path LibraryPath();    // the built libZYNNativeVBG.so
 std::filesystem::path TestModelsDir();  // tests/models (small generated models)
 std::filesystem::path RealModelsDir();  // .deps/models (the converted segmentation models)
@@ -37,5 +37,8 @@ unsigned PermissionBits(const std::filesystem::path& path);  // 0600 for owner r
 // a faulty reader fails its test instead of hanging the suite.
 bool RunsWithoutBlockingOnFifo(const std::filesystem::path& path,
                                const std::function<void()>& body);
+
+// Polls `condition` every millisecond until it holds or `timeout` passes; returns its last value.
+bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
 
 }  // namespace zyn_test

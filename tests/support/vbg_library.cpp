@@ -8,10 +8,8 @@
 
 namespace zyn_test {
 
-VbgLibrary::VbgLibrary() : VbgLibrary(LibraryPath().string()) {}
-
-VbgLibrary::VbgLibrary(const std::string& path) {
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+VbgLibrary::VbgLibrary() {
+    void* handle = dlopen(LibraryPath().c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
         throw std::runtime_error(std::string("dlopen failed: ") + dlerror());
     }

@@ -2,8 +2,6 @@
 // functions, as a host reaches it.
 #pragma once
 
-#include <string>
-
 #include "zyn_native_vbg.h"
 
 // Member name and exported name of every export.
@@ -31,11 +29,10 @@
 
 namespace zyn_test {
 
-// Loads the built library (or `path`); throws std::runtime_error when it cannot be loaded or an
+// Loads the built library; throws std::runtime_error when it cannot be loaded or an
 // export is missing. The library stays loaded: its logger and threads may outlive the test's use.
 struct VbgLibrary {
     VbgLibrary();
-    explicit VbgLibrary(const std::string& path);
     VbgLibrary(const VbgLibrary&) = delete;
     VbgLibrary& operator=(const VbgLibrary&) = delete;
 
