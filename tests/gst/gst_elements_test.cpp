@@ -201,21 +201,22 @@ TEST_F(GstElements, PropertiesStartAtTheirDefaults) {
             const std::string property = token.substr(0, token.find('='));
             const std::string expected = token.substr(token.find('=') + 1);
             SCOPED_TRACE(factory + " " + property);
-            GParamSpec* spec =
+            GParamSpec* pspec =
                 g_object_class_find_property(G_OBJECT_GET_CLASS(e), property.c_str());
-            ASSERT_NE(nullptr, spec);
+            ASSERT_NE(nullptr, pspec);
             g_auto(GValue) held = G_VALUE_INIT;
             g_auto(GValue) wanted = G_VALUE_INIT;
-            g_value_init(&held, spec->value_type);
-            g_value_init(&wanted, spec->value_type);
+            g_value_init(&held, pspec->value_type);
+            g_value_init(&wanted, pspec->value_type);
             g_object_get_property(G_OBJECT(e), property.c_str(), &held);
             if (G_VALUE_HOLDS_STRING(&wanted)) {
                 g_value_set_string(&wanted, expected.c_str());
             } else {
                 ASSERT_TRUE(gst_value_deserialize(&wanted, expected.c_str()));
             }
-            EXPECT_EQ(0, g_param_values_cmp(spec, &wanted, g_param_spec_get_default_value(spec)));
-            EXPECT_EQ(0, g_param_values_cmp(spec, &wanted, &held)) << "a new element holds another";
+            EXPECT_EQ(0, g_param_values_cmp(pspec, &wanted, g_param_spec_get_default_value(pspec)));
+            EXPECT_EQ(0, g_param_values_cmp(pspec, &wanted, &held))
+                << "a new element holds another";
         }
         gst_object_unref(e);
     }
