@@ -20,7 +20,7 @@ void RunCommand(const std::string& command) {
     ASSERT_EQ(0, std::system((command + " >/dev/null 2>&1").c_str())) << command;
 }
 
-// gst-launch-1.0, with the sanitizer runtime preloaded in a sanitizer build.
+// gst-launch-1.0, with the sanitizer and C++ runtimes preloaded in a sanitizer build.
 const std::string kGstLaunch =
 #ifdef ZYN_ASAN_RUNTIME
     "env LD_PRELOAD=" ZYN_ASAN_RUNTIME " ASAN_OPTIONS=detect_leaks=0 gst-launch-1.0";
