@@ -2,6 +2,7 @@
 // JSON object of at most 64 KiB, nested at most 32 deep, whose "modelsPath", "logPath" and
 // "fileCachePath" are non-empty strings, then stored byte for byte (embedded NULs included).
 #include <rapidjson/document.h>
+#include <rapidjson/memorystream.h>
 
 #include <algorithm>
 
@@ -43,11 +44,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::filesystem::path path = zyn_fuzz::Scratch() / "library.json";
     zyn_fuzz::WriteText(path, text);
     const bool accepted = VBG::ConfigParser::SetConfig(path.c_str());
-    // The depth is checked first: the oracle's own parser recurses.
+    // The depth is checked first: the oracle's own parser recurses. It reads the bytes as they
+    // are: Document::Parse(str, length) would skip leading byte-order-mark bytes, which the file
+    // reader does not.
     rapidjson::Document doc;
+    rapidjson::MemoryStream bytes(text.data(), text.size());
     const bool bounded = size <= 65536 && BracketDepth(text) <= 32;
-    const bool object =
-        bounded && !doc.Parse(text.c_str(), text.size()).HasParseError() && doc.IsObject();
+    const bool object = bounded && !doc.ParseStream(bytes).HasParseError() && doc.IsObject();
     const std::string models = object ? NonEmptyString(doc, "modelsPath") : "",
                       log = object ? NonEmptyString(doc, "logPath") : "",
                       cache = object ? NonEmptyString(doc, "fileCachePath") : "";
