@@ -1,9 +1,14 @@
 // The evaluation thread against the threads that wait for it: one start runs one evaluation, whose
-// end wakes every waiter; a waiter that comes after the end returns at once.
+// end wakes every waiter; a waiter that comes after the end returns at once. And against process
+// exit, which may come while the thread walks the order.
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
 
 #include <atomic>
 #include <chrono>
+#include <ctime>
 #include <future>
 #include <string>
 #include <thread>
@@ -63,6 +68,30 @@ TEST_F(EvaluationWaitTest, OneEvaluationWhoseEndWakesEveryWaiter) {
     EXPECT_TRUE(ProcessingTypeEvaluator::WaitForEvaluationToComplete());
     EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
     EXPECT_FALSE(log.contains("Evaluation thread timeout occured")) << log.dump();
+}
+
+// A host that exits while the thread walks the order: the exit handlers registered after the
+// library's own (here one that holds the exit while the evaluators fail one after another) run
+// first, and what the thread still uses must outlive them.
+TEST_F(EvaluationWaitTest, ProcessExitWhileTheOrderIsWalkedEndsCleanly) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            // The logger exists before the library's exit hook, as after a library start. A
+            // first evaluation that finds a fresh selection registers the hook and walks nothing.
+            spdlog::default_logger();
+            folders().storeSelection("OnnxRuntimeCpu", std::to_string(std::time(nullptr)));
+            ProcessingTypeEvaluator::StartEvaluation();
+            waitForEvaluationEnd();
+            std::atexit([] { std::this_thread::sleep_for(800ms); });
+            folders().removeSelection();
+            zyn_test::EvaluatorStandIn standIn("sleep 0.1\nexit 1");
+            useProgram(standIn.program());
+            ProcessingTypeEvaluator::StartEvaluation();
+            zyn_test::WaitFor([&] { return !standIn.calls().empty(); }, 20s);
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

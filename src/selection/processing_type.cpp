@@ -39,11 +39,12 @@ ProcessingType ProcessingTypeFromName(const std::string& name) {
     return PtAuto;
 }
 
-const std::vector<ProcessingType>& AutomaticSelectionOrder() {
-    static const std::vector<ProcessingType> order = {PtOpenVinoGpuPPGPU, PtOnnxRuntimeDMLPPGPU,
-                                                      PtOpenVinoCpuPPGPU, PtOpenVinoCpu,
-                                                      PtOnnxRuntimeCpu};
-    return order;
+const AutomaticOrder& AutomaticSelectionOrder() {
+    // A constant array: nothing is destroyed at process exit, so the evaluation thread may still
+    // walk it while the exit hooks run.
+    static constexpr AutomaticOrder kOrder = {PtOpenVinoGpuPPGPU, PtOnnxRuntimeDMLPPGPU,
+                                              PtOpenVinoCpuPPGPU, PtOpenVinoCpu, PtOnnxRuntimeCpu};
+    return kOrder;
 }
 
 }  // namespace VBG

@@ -3,9 +3,9 @@
 // VBGSettings carries in `pt` and what the stored selection names.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
-#include <vector>
 
 namespace VBG {
 
@@ -31,6 +31,7 @@ ProcessingType ProcessingTypeFromName(const std::string& name);
 
 // The order in which automatic selection tries the types: 6, 8, 4, 3, 2. Types 0, 1 and 5 are never
 // chosen automatically.
-const std::vector<ProcessingType>& AutomaticSelectionOrder();
+using AutomaticOrder = std::array<ProcessingType, 5>;
+const AutomaticOrder& AutomaticSelectionOrder();
 
 }  // namespace VBG
