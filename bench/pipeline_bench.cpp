@@ -476,7 +476,7 @@ BENCHMARK(BM_Extra)->DenseRange(0, 2)->Iterations(1);
 
 int main(int argc, char** argv) {
     // Engines and backends log their life cycle; the table is what this program is for.
-    spdlog::set_level(spdlog::level::off);
+    spdlog::set_level(spdlog::level::err);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;

@@ -163,10 +163,9 @@ TEST_F(BackendInstance, FailedCreatesLeaveNoInstance) {
     }
 }
 
-// The unrolled loops (blocks of four, then the tail) on seven pixels at an unaligned start, by
-// known answers: bytes / 255 into three planes, the previous mask into the fourth; the smoothed
-// mask 0.6 * 255 = 153, 0.4 * 255 = 102, 0.5 * 255 = 127.5, 0.25 * 255 = 63.75, 0.75 * 255 =
-// 191.25, truncated, and values a model should never give held at the ends.
+// Scalar tails on seven pixels at an unaligned start: bytes / 255 into three planes, the previous
+// mask into the fourth; the smoothed mask 0.6, 0.4, 0.5, 0.25 and 0.75 times 255 (153, 102, 127.5,
+// 63.75, 191.25) truncated, and values a model should never give held at the ends.
 TEST(OnnxRuntimeKernels, PlanarInputAndSmoothingByKnownAnswers) {
     OnnxRuntimeProcessing tablesReady(2);
     std::vector<uint8_t> store(4 * 8);

@@ -1,8 +1,6 @@
-// The evaluation thread against the threads that wait for it: one start runs one evaluation, whose
-// end wakes every waiter; a waiter that comes after the end returns at once. And against process
-// exit, which may come while the thread walks the order.
+// The evaluation thread against the threads that wait for it (one start runs one evaluation, whose
+// end wakes every waiter; a waiter after the end returns at once) and against process exit.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
 
@@ -70,15 +68,13 @@ TEST_F(EvaluationWaitTest, OneEvaluationWhoseEndWakesEveryWaiter) {
     EXPECT_FALSE(log.contains("Evaluation thread timeout occured")) << log.dump();
 }
 
-// A host that exits while the thread walks the order: the exit handlers registered after the
-// library's own (here one that holds the exit while the evaluators fail one after another) run
-// first, and what the thread still uses must outlive them.
+// Exit while the thread walks the order: handlers registered after the library's exit hook (here
+// one that holds the exit while evaluators fail) run first; what the thread uses outlives them.
 TEST_F(EvaluationWaitTest, ProcessExitWhileTheOrderIsWalkedEndsCleanly) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
-            // The logger exists before the library's exit hook, as after a library start. A
-            // first evaluation that finds a fresh selection registers the hook and walks nothing.
+            // The logger, then the hook (by an evaluation that walks nothing), as in a library.
             spdlog::default_logger();
             folders().storeSelection("OnnxRuntimeCpu", std::to_string(std::time(nullptr)));
             ProcessingTypeEvaluator::StartEvaluation();

@@ -2,6 +2,14 @@
 
 #include <libyuv/scale_argb.h>
 
+#include <cstring>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
+#include "filters/kernel_level.h"
+
 #include "ml/vbg_onnxruntime_processing.h"
 #include "util/log.h"
 #ifdef ZYN_WITH_OPENVINO
@@ -19,6 +27,92 @@ namespace {
 // smoothly to full person.
 constexpr float kContrastLow = 0.4f;
 constexpr float kContrastHigh = 1.0f;
+
+// Weights of the temporal smoothing: the new inference and the previous smoothed mask.
+constexpr float kNewWeight = 0.6f;
+constexpr float kPreviousWeight = 0.4f;
+
+// Byte mask of a value: v * 255 in double precision, truncated toward zero. Values that a model
+// should never produce (outside 0..1) are held at the ends instead of wrapping.
+inline uint8_t MaskByte(float value) {
+    double v = static_cast<double>(value) * 255.0;
+    v = v < 0.0 ? 0.0 : (v > 255.0 ? 255.0 : v);
+    return static_cast<uint8_t>(v);
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+#define ZYN_ML_AVX2 1
+
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
+#else
+#pragma GCC push_options
+#pragma GCC target("avx2")
+#endif
+
+// Eight pixels a step. byte / 255.0f is what unitFloatTable holds (a correctly rounded division
+// either way), and the smoothing multiplies and adds separately, as the plain loop does, so the
+// values are the same to the bit. Each returns the pixels done; the caller finishes the tail.
+int32_t FillPlanarInputAvx2(const uint8_t* pixels, int32_t n, float* c0, float* c1, float* c2) {
+    const __m256i low = _mm256_set1_epi32(0xff);
+    const __m256 divisor = _mm256_set1_ps(255.0f);
+    int32_t p = 0;
+    for (; p + 8 <= n; p += 8) {
+        const __m256i px = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(pixels + 4 * p));
+        _mm256_storeu_ps(c0 + p,
+                         _mm256_div_ps(_mm256_cvtepi32_ps(_mm256_and_si256(px, low)), divisor));
+        _mm256_storeu_ps(
+            c1 + p,
+            _mm256_div_ps(_mm256_cvtepi32_ps(_mm256_and_si256(_mm256_srli_epi32(px, 8), low)),
+                          divisor));
+        _mm256_storeu_ps(
+            c2 + p,
+            _mm256_div_ps(_mm256_cvtepi32_ps(_mm256_and_si256(_mm256_srli_epi32(px, 16), low)),
+                          divisor));
+    }
+    return p;
+}
+
+// MaskByte of eight floats: in double, held to 0..255, truncated.
+inline __m128i MaskBytes8(__m256 v) {
+    const __m256d scale = _mm256_set1_pd(255.0);
+    const __m256d zero = _mm256_setzero_pd();
+    const __m256d lo = _mm256_min_pd(
+        _mm256_max_pd(_mm256_mul_pd(_mm256_cvtps_pd(_mm256_castps256_ps128(v)), scale), zero),
+        scale);
+    const __m256d hi = _mm256_min_pd(
+        _mm256_max_pd(_mm256_mul_pd(_mm256_cvtps_pd(_mm256_extractf128_ps(v, 1)), scale), zero),
+        scale);
+    const __m128i words = _mm_packs_epi32(_mm256_cvttpd_epi32(lo), _mm256_cvttpd_epi32(hi));
+    return _mm_packus_epi16(words, words);
+}
+
+int32_t SmoothMaskAvx2(const float* person, float* prev, uint8_t* mask, int32_t n,
+                       bool maskOfSmoothed) {
+    const __m256 newWeight = _mm256_set1_ps(kNewWeight);
+    const __m256 previousWeight = _mm256_set1_ps(kPreviousWeight);
+    int32_t p = 0;
+    for (; p + 8 <= n; p += 8) {
+        const __m256 m = _mm256_loadu_ps(person + p);
+        const __m256 s = _mm256_add_ps(_mm256_mul_ps(newWeight, m),
+                                       _mm256_mul_ps(previousWeight, _mm256_loadu_ps(prev + p)));
+        _mm256_storeu_ps(prev + p, s);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(mask + p), MaskBytes8(maskOfSmoothed ? s : m));
+    }
+    return p;
+}
+
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
+#pragma GCC pop_options
+#endif
+
+bool UseAvx2() {
+    static const bool avx2 = BestKernelLevel() == KernelLevel::Avx2;
+    return avx2;
+}
+#endif
 
 // Every backend writes the same values, so a reader racing a rewrite sees the same numbers.
 void FillSharedTables() {
@@ -170,6 +264,45 @@ std::pair<std::shared_ptr<IVBGMLProcessing>, bool> GetVBGMLProcessingInstance(
 void DestroyVBGMLProcessingInstance() {
     std::lock_guard<std::mutex> lock(shared().mutex);
     destroyInstanceLocked();
+}
+
+void IVBGMLProcessing::FillPlanarInput(const uint8_t* pixels, const float* prevMask, int32_t n,
+                                       float* planes) {
+    const float* table = unitFloatTable;
+    float* c0 = planes;
+    float* c1 = c0 + n;
+    float* c2 = c1 + n;
+    int32_t p = 0;
+#if ZYN_ML_AVX2
+    if (UseAvx2()) {
+        p = FillPlanarInputAvx2(pixels, n, c0, c1, c2);
+    }
+#endif
+    for (; p < n; ++p) {
+        const uint8_t* px = pixels + static_cast<size_t>(p) * 4;
+        c0[p] = table[px[0]];
+        c1[p] = table[px[1]];
+        c2[p] = table[px[2]];
+    }
+    if (prevMask != nullptr) {
+        std::memcpy(c2 + n, prevMask, static_cast<size_t>(n) * sizeof(float));
+    }
+}
+
+void IVBGMLProcessing::SmoothMask(const float* person, float* prevMask, uint8_t* mask, int32_t n,
+                                  MaskSource source) {
+    const bool ofSmoothed = source == MaskSource::Smoothed;
+    int32_t p = 0;
+#if ZYN_ML_AVX2
+    if (UseAvx2()) {
+        p = SmoothMaskAvx2(person, prevMask, mask, n, ofSmoothed);
+    }
+#endif
+    for (; p < n; ++p) {
+        const float s = kNewWeight * person[p] + kPreviousWeight * prevMask[p];
+        mask[p] = MaskByte(ofSmoothed ? s : person[p]);
+        prevMask[p] = s;
+    }
 }
 
 }  // namespace VBG

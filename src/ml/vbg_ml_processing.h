@@ -55,6 +55,19 @@ class IVBGMLProcessing {
     const uint32_t processingType;
     std::unique_ptr<uint8_t[]> inputBuffer;  // model-size staging image, 4 bytes a pixel
 
+    // The per-pixel loops around an inference of the CPU backends: eight pixels a step with AVX2,
+    // then a scalar tail; every path gives the same bits.
+    // Writes planes of n floats: bytes 0, 1 and 2 of each pixel through unitFloatTable, then the
+    // previous mask when prevMask is not null. Byte 3 is not used.
+    static void FillPlanarInput(const uint8_t* pixels, const float* prevMask, int32_t n,
+                                float* planes);
+    // Which value the byte mask is made of: the smoothed one, or the model's own output.
+    enum class MaskSource { Smoothed, ModelOutput };
+    // s = 0.6 * person + 0.4 * prevMask becomes the new prevMask, and mask = (s or person) * 255
+    // computed in double precision, held to 0..255 and truncated.
+    static void SmoothMask(const float* person, float* prevMask, uint8_t* mask, int32_t n,
+                           MaskSource source = MaskSource::Smoothed);
+
   protected:
     // Engines on different threads share the backend: runModel runs one inference at a time, so
     // that its staging image and its input and output tensors serve one engine's frame at once.

@@ -5,11 +5,6 @@
 #include <cstring>
 #include <vector>
 
-#if defined(__x86_64__) || defined(__i386__)
-#include <immintrin.h>
-#endif
-
-#include "filters/kernel_level.h"
 #include "gpu/d3d12_utils.h"
 #include "selection/processing_type.h"
 #include "util/log.h"
@@ -26,10 +21,6 @@ constexpr int64_t kInputChannels = 4;
 constexpr int64_t kPersonChannel = 1;
 // Threads that run one inference of the CPU processing types, the calling thread included.
 constexpr int kCpuIntraOpThreads = 1;
-// Weights of the temporal smoothing: the new inference and the previous smoothed mask.
-constexpr float kNewWeight = 0.6f;
-constexpr float kPreviousWeight = 0.4f;
-
 bool IsDirectMLType(uint32_t processingType) {
     return processingType == 7 || processingType == 8;
 }
@@ -45,82 +36,6 @@ std::string DimsText(const std::vector<int64_t>& dims) {
     }
     return text + "]";
 }
-
-// Byte mask of a smoothed value: s * 255 in double precision, truncated toward zero. Values that
-// a model should never produce (outside 0..1) are held at the ends instead of wrapping.
-inline uint8_t MaskByte(float s) {
-    double v = static_cast<double>(s) * 255.0;
-    v = v < 0.0 ? 0.0 : (v > 255.0 ? 255.0 : v);
-    return static_cast<uint8_t>(v);
-}
-
-#if defined(__x86_64__) || defined(__i386__)
-#define ZYN_ORT_AVX2 1
-
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx2")
-#endif
-
-// Eight pixels a step. byte / 255.0f is what unitFloatTable holds (a correctly rounded division
-// either way), and the smoothing multiplies and adds separately, as the plain loop does, so the
-// values are the same to the bit. Returns the pixels done; the caller finishes the tail.
-int32_t FillPlanarInputAvx2(const uint8_t* pixels, int32_t n, float* c0, float* c1, float* c2) {
-    const __m256i low = _mm256_set1_epi32(0xff);
-    const __m256 divisor = _mm256_set1_ps(255.0f);
-    int32_t p = 0;
-    for (; p + 8 <= n; p += 8) {
-        const __m256i px = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(pixels + 4 * p));
-        _mm256_storeu_ps(c0 + p,
-                         _mm256_div_ps(_mm256_cvtepi32_ps(_mm256_and_si256(px, low)), divisor));
-        _mm256_storeu_ps(
-            c1 + p,
-            _mm256_div_ps(_mm256_cvtepi32_ps(_mm256_and_si256(_mm256_srli_epi32(px, 8), low)),
-                          divisor));
-        _mm256_storeu_ps(
-            c2 + p,
-            _mm256_div_ps(_mm256_cvtepi32_ps(_mm256_and_si256(_mm256_srli_epi32(px, 16), low)),
-                          divisor));
-    }
-    return p;
-}
-
-int32_t SmoothMaskAvx2(const float* person, float* prev, uint8_t* mask, int32_t n) {
-    const __m256 newWeight = _mm256_set1_ps(kNewWeight);
-    const __m256 previousWeight = _mm256_set1_ps(kPreviousWeight);
-    const __m256d scale = _mm256_set1_pd(255.0);
-    const __m256d zero = _mm256_setzero_pd();
-    int32_t p = 0;
-    for (; p + 8 <= n; p += 8) {
-        const __m256 s = _mm256_add_ps(_mm256_mul_ps(newWeight, _mm256_loadu_ps(person + p)),
-                                       _mm256_mul_ps(previousWeight, _mm256_loadu_ps(prev + p)));
-        _mm256_storeu_ps(prev + p, s);
-        // MaskByte: in double, held to 0..255, truncated.
-        const __m256d lo = _mm256_min_pd(
-            _mm256_max_pd(_mm256_mul_pd(_mm256_cvtps_pd(_mm256_castps256_ps128(s)), scale), zero),
-            scale);
-        const __m256d hi = _mm256_min_pd(
-            _mm256_max_pd(_mm256_mul_pd(_mm256_cvtps_pd(_mm256_extractf128_ps(s, 1)), scale), zero),
-            scale);
-        const __m128i words = _mm_packs_epi32(_mm256_cvttpd_epi32(lo), _mm256_cvttpd_epi32(hi));
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(mask + p), _mm_packus_epi16(words, words));
-    }
-    return p;
-}
-
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
-
-bool UseAvx2() {
-    static const bool avx2 = BestKernelLevel() == KernelLevel::Avx2;
-    return avx2;
-}
-#endif
 
 }  // namespace
 
@@ -318,71 +233,6 @@ void OnnxRuntimeProcessing::clearBinding() {
     modelHeight = 0;
     modelPixelCount = 0;
     inputBuffer.reset();
-}
-
-void OnnxRuntimeProcessing::FillPlanarInput(const uint8_t* pixels, const float* prevMask, int32_t n,
-                                            float* planes) {
-    const float* table = unitFloatTable;
-    float* c0 = planes;
-    float* c1 = c0 + n;
-    float* c2 = c1 + n;
-    float* c3 = c2 + n;
-    int32_t p = 0;
-#if ZYN_ORT_AVX2
-    if (UseAvx2()) {
-        p = FillPlanarInputAvx2(pixels, n, c0, c1, c2);
-    }
-#endif
-    for (; p + 4 <= n; p += 4) {
-        const uint8_t* px = pixels + static_cast<size_t>(p) * 4;
-        c0[p] = table[px[0]];
-        c1[p] = table[px[1]];
-        c2[p] = table[px[2]];
-        c0[p + 1] = table[px[4]];
-        c1[p + 1] = table[px[5]];
-        c2[p + 1] = table[px[6]];
-        c0[p + 2] = table[px[8]];
-        c1[p + 2] = table[px[9]];
-        c2[p + 2] = table[px[10]];
-        c0[p + 3] = table[px[12]];
-        c1[p + 3] = table[px[13]];
-        c2[p + 3] = table[px[14]];
-    }
-    for (; p < n; ++p) {
-        const uint8_t* px = pixels + static_cast<size_t>(p) * 4;
-        c0[p] = table[px[0]];
-        c1[p] = table[px[1]];
-        c2[p] = table[px[2]];
-    }
-    std::memcpy(c3, prevMask, static_cast<size_t>(n) * sizeof(float));
-}
-
-void OnnxRuntimeProcessing::SmoothMask(const float* person, float* prev, uint8_t* mask, int32_t n) {
-    int32_t p = 0;
-#if ZYN_ORT_AVX2
-    if (UseAvx2()) {
-        p = SmoothMaskAvx2(person, prev, mask, n);
-    }
-#endif
-    for (; p + 4 <= n; p += 4) {
-        const float s0 = kNewWeight * person[p] + kPreviousWeight * prev[p];
-        const float s1 = kNewWeight * person[p + 1] + kPreviousWeight * prev[p + 1];
-        const float s2 = kNewWeight * person[p + 2] + kPreviousWeight * prev[p + 2];
-        const float s3 = kNewWeight * person[p + 3] + kPreviousWeight * prev[p + 3];
-        prev[p] = s0;
-        prev[p + 1] = s1;
-        prev[p + 2] = s2;
-        prev[p + 3] = s3;
-        mask[p] = MaskByte(s0);
-        mask[p + 1] = MaskByte(s1);
-        mask[p + 2] = MaskByte(s2);
-        mask[p + 3] = MaskByte(s3);
-    }
-    for (; p < n; ++p) {
-        const float s = kNewWeight * person[p] + kPreviousWeight * prev[p];
-        prev[p] = s;
-        mask[p] = MaskByte(s);
-    }
 }
 
 bool OnnxRuntimeProcessing::runModel(const uint8_t* image, uint32_t width, uint32_t height,

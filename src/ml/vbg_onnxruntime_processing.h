@@ -45,16 +45,6 @@ class OnnxRuntimeProcessing final : public IVBGMLProcessing {
     // thread, no spinning pool threads, memory pattern and CPU arena on.
     static Ort::SessionOptions CpuSessionOptions();
 
-    // The per-pixel loops of runModel: eight pixels a step with AVX2, then unrolled by four, then
-    // a scalar tail; every path gives the same bits.
-    // Writes four planes of n floats: bytes 0, 1 and 2 of each pixel through unitFloatTable, then
-    // the previous mask. Byte 3 is not used.
-    static void FillPlanarInput(const uint8_t* pixels, const float* prevMask, int32_t n,
-                                float* planes);
-    // s = 0.6 * person + 0.4 * prevMask becomes the new prevMask, and mask = s * 255 computed in
-    // double precision and truncated.
-    static void SmoothMask(const float* person, float* prevMask, uint8_t* mask, int32_t n);
-
     // Number of channels of the bound model's input and output (0 before bindModel).
     int64_t inputChannels() const { return inputShape_[1]; }
     int64_t outputChannels() const { return outputShape_[1]; }

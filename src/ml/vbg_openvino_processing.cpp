@@ -29,10 +29,6 @@ std::mutex& LoadMutex() {
     return mutex;
 }
 
-// Weights of the temporal smoothing: the new model output against the previous smoothed mask.
-constexpr float kNewMaskWeight = 0.6f;
-constexpr float kPrevMaskWeight = 0.4f;
-
 // Channel 3 of the model input is the previous smoothed mask; channels 0..2 are image bytes 0..2.
 constexpr uint32_t kImageChannels = 3;
 constexpr uint32_t kMaskChannel = 3;
@@ -328,32 +324,16 @@ bool OpenVinoProcessing::runModel(const uint8_t* image, uint32_t width, uint32_t
                         " image cannot be scaled to the model size");
 
         const int32_t n = state->size;
-        float* plane0 = inputData.get();
-        float* plane1 = plane0 + n;
-        float* plane2 = plane1 + n;
-        for (int32_t p = 0; p < n; ++p) {
-            const uint8_t* pixel = pixels + static_cast<size_t>(p) * 4;
-            plane0[p] = unitFloatTable[pixel[0]];
-            plane1[p] = unitFloatTable[pixel[1]];
-            plane2[p] = unitFloatTable[pixel[2]];
-        }
-        if (inputChannels > kMaskChannel) {
-            std::copy(state->prevMask.get(), state->prevMask.get() + n,
-                      plane0 + static_cast<size_t>(kMaskChannel) * n);
-        }
+        FillPlanarInput(pixels, inputChannels > kMaskChannel ? state->prevMask.get() : nullptr, n,
+                        inputData.get());
 
         inferRequest.set_input_tensor(inputTensor);
         inferRequest.set_output_tensor(outputTensor);
         inferRequest.infer();
 
         // Only the fed-back float mask is smoothed; the byte mask is the model's own answer.
-        const float* person = outputData.get() + n;
-        for (int32_t p = 0; p < n; ++p) {
-            const float m = person[p];
-            state->prevMask[p] = kNewMaskWeight * m + kPrevMaskWeight * state->prevMask[p];
-            const double scaled = std::clamp(static_cast<double>(m) * 255.0, 0.0, 255.0);
-            state->mask[p] = static_cast<uint8_t>(scaled);
-        }
+        SmoothMask(outputData.get() + n, state->prevMask.get(), state->mask.get(), n,
+                   MaskSource::ModelOutput);
         return true;
     } catch (const ov::Exception& e) {
         ZLOG_ERROR("VBG::OpenVinoProcessing::runModel", "Error: {0}", e.what());
