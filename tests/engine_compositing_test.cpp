@@ -137,9 +137,19 @@ TEST(EngineBlend, UpscalerMatchesLibyuvBilinearByteForByte) {
         for (KernelLevel level : {KernelLevel::Avx2, KernelLevel::Portable}) {
             PlaneUpscaler upscaler(level);
             upscaler.scale(r.plane0, r.stride0, s[0], s[1], actual.data(), s[2] + 7, s[2], s[3]);
-            for (int r = 0; r < s[3]; ++r) {
-                ASSERT_EQ(0, std::memcmp(&expected[r * (s[2] + 7)], &actual[r * (s[2] + 7)], s[2]))
-                    << "row " << r << ", " << KernelLevelName(level);
+            // Whole, then again in bands of 5 rows where the vector path serves the size pair.
+            for (const int band : {0, 5}) {
+                for (int row = 0; band != 0 && row < s[3]; row += band) {
+                    ASSERT_EQ(upscaler.ownRows(s[0], s[1], s[2], s[3]),
+                              upscaler.scaleRows(r.plane0, r.stride0, s[0], s[1],
+                                                 &actual[row * (s[2] + 7)], s[2] + 7, s[2], s[3],
+                                                 row, std::min(band, s[3] - row)));
+                }
+                for (int row = 0; row < s[3]; ++row) {
+                    ASSERT_EQ(0, std::memcmp(&expected[row * (s[2] + 7)], &actual[row * (s[2] + 7)],
+                                             s[2]))
+                        << "row " << row << ", band " << band << ", " << KernelLevelName(level);
+                }
             }
         }
     }

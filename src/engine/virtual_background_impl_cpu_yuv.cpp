@@ -314,18 +314,18 @@ bool VirtualBackgroundImplYuv::composeFrame(const ZynNativeInputFrame* output) {
     const int H = asInt(frameHeight);
     const int mw = asInt(mlState->width);
     const int mh = asInt(mlState->height);
-    if (!maskBuffer) {
-        maskBuffer.ensure(static_cast<size_t>(W) * H);
-    }
+    const int cw = ChromaSize(W);
+    const int ch = ChromaSize(H);
+    const int mcw = ChromaSize(mw);
+    const int mch = ChromaSize(mh);
     if (!backgroundYuvBuffer || (backgroundImage && backgroundImage->hasNewFrame())) {
         loadBackgroundImageInYuv(frameWidth, frameHeight);
     }
     prepareModelMask();
-    uint8_t* modelMask = modelMaskBuffer.get();
-    maskUpscaler.scale(modelMask, mw, mw, mh, maskBuffer.get(), W, W, H);
-    const I420Planes background = I420InBuffer(backgroundYuvBuffer.get(), frameWidth, frameHeight);
-
-    if (settings.bt == BtBlur) {
+    const uint8_t* modelMask = modelMaskBuffer.get();
+    const I420Planes model = I420InBuffer(modelYuvBuffer.get(), mlState->width, mlState->height);
+    const bool blur = settings.bt == BtBlur;
+    if (blur) {
         // The blurred background is made at model resolution; person pixels neither feed the
         // blur nor are replaced by it, so the person does not bleed into the background.
         const int hw = mw / 2;
@@ -337,8 +337,6 @@ bool VirtualBackgroundImplYuv::composeFrame(const ZynNativeInputFrame* output) {
                 std::make_unique<Blur>(hw, hh, static_cast<float>(hh) / kBackgroundBlurDivisor);
             halfMaskBuffer.ensure(static_cast<size_t>(hw) * hh);
         }
-        const I420Planes model =
-            I420InBuffer(modelYuvBuffer.get(), mlState->width, mlState->height);
         lumaBlur->setMask(modelMask);
         lumaBlur->blurMasked(model.y, mw, mh);
         libyuv::ScalePlane(modelMask, mw, mw, mh, halfMaskBuffer.get(), hw, hw, hh,
@@ -346,19 +344,6 @@ bool VirtualBackgroundImplYuv::composeFrame(const ZynNativeInputFrame* output) {
         chromaBlur->setMask(halfMaskBuffer.get());
         chromaBlur->blurMasked(model.u, hw, hh);
         chromaBlur->blurMasked(model.v, hw, hh);
-        // Bilinear to the frame, plane by plane. A frame smaller than the model is reached
-        // bilinearly too: libyuv's box average loses precision over boxes of thousands of pixels
-        // (a 1 x 1 frame came out at about half its brightness), and for a larger frame libyuv's
-        // box filter is its bilinear one.
-        lumaUpscaler.scale(model.y, model.strideY, mw, mh, background.y, background.strideY, W, H);
-        const int mcw = ChromaSize(mw);
-        const int mch = ChromaSize(mh);
-        const int cw = ChromaSize(W);
-        const int ch = ChromaSize(H);
-        chromaUpscaler.scale(model.u, model.strideU, mcw, mch, background.u, background.strideU, cw,
-                             ch);
-        chromaUpscaler.scale(model.v, model.strideV, mcw, mch, background.v, background.strideV, cw,
-                             ch);
     }
 
     const I420Planes dst = destinationPlanes(output);
@@ -374,9 +359,61 @@ bool VirtualBackgroundImplYuv::composeFrame(const ZynNativeInputFrame* output) {
         }
         cameraPlanes = dst;  // blend in place over the smoothed frame
     }
-    uint8_t* chromaAlpha = chromaAlphaBuffer.ensure(static_cast<size_t>(ChromaSize(W)) *
-                                                    static_cast<size_t>(ChromaSize(H)));
-    BlendI420(cameraPlanes, background, maskBuffer.get(), W, dst, chromaAlpha, W, H);
+
+    // The mask and the blurred background are enlarged bilinearly to the frame, plane by plane. A
+    // frame smaller than the model is reached bilinearly too: libyuv's box average loses precision
+    // over boxes of thousands of pixels (a 1 x 1 frame came out at about half its brightness), and
+    // for a larger frame libyuv's box filter is its bilinear one. Where the vector upscaler serves
+    // every plane, the frame is enlarged and blended a band of rows at a time, so the enlarged
+    // planes never exist at full size and the band stays in the cache from its making to its blend.
+    const I420Planes background = I420InBuffer(backgroundYuvBuffer.get(), frameWidth, frameHeight);
+    const bool banded =
+        maskUpscaler.ownRows(mw, mh, W, H) &&
+        (!blur || (lumaUpscaler.ownRows(mw, mh, W, H) && chromaUpscaler.ownRows(mcw, mch, cw, ch)));
+    if (!banded) {
+        uint8_t* mask = maskBuffer.ensure(static_cast<size_t>(W) * H);
+        maskUpscaler.scale(modelMask, mw, mw, mh, mask, W, W, H);
+        if (blur) {
+            lumaUpscaler.scale(model.y, model.strideY, mw, mh, background.y, background.strideY, W,
+                               H);
+            chromaUpscaler.scale(model.u, model.strideU, mcw, mch, background.u, background.strideU,
+                                 cw, ch);
+            chromaUpscaler.scale(model.v, model.strideV, mcw, mch, background.v, background.strideV,
+                                 cw, ch);
+        }
+        uint8_t* chromaAlpha =
+            chromaAlphaBuffer.ensure(static_cast<size_t>(cw) * static_cast<size_t>(ch));
+        BlendI420(cameraPlanes, background, mask, W, dst, chromaAlpha, W, H);
+        return true;
+    }
+    // One band: its mask and chroma alpha, and for a blur its three background planes.
+    constexpr int kBandChroma = kBandRows / 2;
+    const size_t lumaBand = static_cast<size_t>(kBandRows) * W;
+    const size_t chromaBand = static_cast<size_t>(kBandChroma) * cw;
+    uint8_t* bandMask = bandBuffer.ensure(2 * lumaBand + 3 * chromaBand);
+    uint8_t* bandAlpha = bandMask + lumaBand;
+    const I420Planes bandBackground{bandAlpha + chromaBand,
+                                    W,
+                                    bandAlpha + chromaBand + lumaBand,
+                                    cw,
+                                    bandAlpha + 2 * chromaBand + lumaBand,
+                                    cw};
+    for (int y0 = 0; y0 < H; y0 += kBandRows) {
+        const int rows = std::min(kBandRows, H - y0);
+        const int c0 = y0 / 2;
+        const int chromaRows = ChromaSize(y0 + rows) - c0;
+        maskUpscaler.scaleRows(modelMask, mw, mw, mh, bandMask, W, W, H, y0, rows);
+        if (blur) {
+            lumaUpscaler.scaleRows(model.y, model.strideY, mw, mh, bandBackground.y, W, W, H, y0,
+                                   rows);
+            chromaUpscaler.scaleRows(model.u, model.strideU, mcw, mch, bandBackground.u, cw, cw, ch,
+                                     c0, chromaRows);
+            chromaVUpscaler.scaleRows(model.v, model.strideV, mcw, mch, bandBackground.v, cw, cw,
+                                      ch, c0, chromaRows);
+        }
+        BlendI420(I420At(cameraPlanes, 0, y0), blur ? bandBackground : I420At(background, 0, y0),
+                  bandMask, W, I420At(dst, 0, y0), bandAlpha, W, rows);
+    }
     return true;
 }
 
@@ -441,6 +478,7 @@ void VirtualBackgroundImplYuv::releaseBuffers(bool dropBackground) {
     chromaBlur.reset();
     halfMaskBuffer.reset();
     chromaAlphaBuffer.reset();
+    bandBuffer.reset();
 }
 
 // ---- Presenter compositing ----------------------------------------------------------------

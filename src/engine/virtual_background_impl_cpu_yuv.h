@@ -82,10 +82,15 @@ class VirtualBackgroundImplYuv : public VirtualBackgroundImpl {
     ByteBuffer outputYuvBuffer;
     std::unique_ptr<Blur> lumaBlur;
     std::unique_ptr<Blur> chromaBlur;
-    // The model-sized mask and blurred background enlarged to the frame.
+    // The model-sized mask and blurred background enlarged to the frame (one upscaler a plane, so
+    // that each carries its filtered rows from band to band).
     PlaneUpscaler maskUpscaler;
     PlaneUpscaler lumaUpscaler;
     PlaneUpscaler chromaUpscaler;
+    PlaneUpscaler chromaVUpscaler;
+    // Rows of one band of the enlarge-and-blend (even, so that bands start on a chroma row).
+    static constexpr int kBandRows = 16;
+    ByteBuffer bandBuffer;
     ByteBuffer halfMaskBuffer;
     ByteBuffer modelArgbBuffer;
     std::unique_ptr<TouchUpCPU> touchUp;

@@ -165,48 +165,67 @@ void PlaneUpscaler::prepare(int srcWidth, int srcHeight, int dstWidth, int dstHe
     }
     sourceRow_.assign(static_cast<size_t>(srcWidth) + kRowPad, 0);
     rows_.assign(static_cast<size_t>(dstWidth) * 2, 0);
+    filtered_[0] = rows_.data();
+    filtered_[1] = rows_.data() + dstWidth;
+    filteredRow_[0] = filteredRow_[1] = -1;
 }
 
 void PlaneUpscaler::scale(const uint8_t* src, int srcStride, int srcWidth, int srcHeight,
                           uint8_t* dst, int dstStride, int dstWidth, int dstHeight) {
-    if (vector_ && OwnPath(srcWidth, srcHeight, dstWidth, dstHeight)) {
-#if ZYN_UPSCALE_AVX2
-        prepare(srcWidth, srcHeight, dstWidth, dstHeight);
-        const int groups = dstWidth / kGroup;
-        uint8_t* filtered[2] = {rows_.data(), rows_.data() + dstWidth};
-        int filteredRow[2] = {-1, -1};
-        auto filterInto = [&](int slot, int sourceRow) {
-            std::memcpy(sourceRow_.data(), src + static_cast<ptrdiff_t>(sourceRow) * srcStride,
-                        static_cast<size_t>(srcWidth));
-            FilterRowAcrossAvx2(sourceRow_.data(), groupStart_.data(), groupShuffle_.data(),
-                                groupWeights_.data(), groups, filtered[slot], dstWidth, dx_);
-            filteredRow[slot] = sourceRow;
-        };
-        // Output row j lies between source rows y >> 16 and the one below, y = j * dy; the step
-        // keeps y below the last row, so the row below always exists.
-        int y = 0;
-        for (int j = 0; j < dstHeight; ++j, y += dy_) {
-            const int yi = y >> 16;
-            if (filteredRow[0] != yi) {
-                if (filteredRow[1] == yi) {
-                    std::swap(filtered[0], filtered[1]);
-                    std::swap(filteredRow[0], filteredRow[1]);
-                } else {
-                    filterInto(0, yi);
-                }
-            }
-            if (filteredRow[1] != yi + 1) {
-                filterInto(1, yi + 1);
-            }
-            FilterRowsDownAvx2(filtered[0], filtered[1],
-                               dst + static_cast<ptrdiff_t>(j) * dstStride, dstWidth,
-                               (y >> 8) & 255);
-        }
-        return;
-#endif
+    if (!scaleRows(src, srcStride, srcWidth, srcHeight, dst, dstStride, dstWidth, dstHeight, 0,
+                   dstHeight)) {
+        libyuv::ScalePlane(src, srcStride, srcWidth, srcHeight, dst, dstStride, dstWidth, dstHeight,
+                           libyuv::kFilterBilinear);
     }
-    libyuv::ScalePlane(src, srcStride, srcWidth, srcHeight, dst, dstStride, dstWidth, dstHeight,
-                       libyuv::kFilterBilinear);
+}
+
+bool PlaneUpscaler::scaleRows(const uint8_t* src, int srcStride, int srcWidth, int srcHeight,
+                              uint8_t* dst, int dstStride, int dstWidth, int dstHeight,
+                              int firstRow, int rowCount) {
+    if (!ownRows(srcWidth, srcHeight, dstWidth, dstHeight) || firstRow < 0 || rowCount < 0 ||
+        rowCount > dstHeight - firstRow) {
+        return false;
+    }
+#if ZYN_UPSCALE_AVX2
+    prepare(srcWidth, srcHeight, dstWidth, dstHeight);
+    // The two filtered rows of the band before serve this one only when it carries on from it.
+    if (src != filteredSource_ || firstRow != nextRow_) {
+        filteredRow_[0] = filteredRow_[1] = -1;
+    }
+    filteredSource_ = src;
+    nextRow_ = firstRow + rowCount;
+    const int groups = dstWidth / kGroup;
+    auto filterInto = [&](int slot, int sourceRow) {
+        std::memcpy(sourceRow_.data(), src + static_cast<ptrdiff_t>(sourceRow) * srcStride,
+                    static_cast<size_t>(srcWidth));
+        FilterRowAcrossAvx2(sourceRow_.data(), groupStart_.data(), groupShuffle_.data(),
+                            groupWeights_.data(), groups, filtered_[slot], dstWidth, dx_);
+        filteredRow_[slot] = sourceRow;
+    };
+    // Output row j lies between source rows y >> 16 and the one below, y = j * dy; the step
+    // keeps y below the last row, so the row below always exists.
+    int y = firstRow * dy_;
+    for (int j = 0; j < rowCount; ++j, y += dy_) {
+        const int yi = y >> 16;
+        if (filteredRow_[0] != yi) {
+            if (filteredRow_[1] == yi) {
+                std::swap(filtered_[0], filtered_[1]);
+                std::swap(filteredRow_[0], filteredRow_[1]);
+            } else {
+                filterInto(0, yi);
+            }
+        }
+        if (filteredRow_[1] != yi + 1) {
+            filterInto(1, yi + 1);
+        }
+        FilterRowsDownAvx2(filtered_[0], filtered_[1], dst + static_cast<ptrdiff_t>(j) * dstStride,
+                           dstWidth, (y >> 8) & 255);
+    }
+    return true;
+#else
+    (void)src, (void)srcStride, (void)dst, (void)dstStride;
+    return false;
+#endif
 }
 
 }  // namespace VBG

@@ -25,8 +25,19 @@ class PlaneUpscaler {
     void scale(const uint8_t* src, int srcStride, int srcWidth, int srcHeight, uint8_t* dst,
                int dstStride, int dstWidth, int dstHeight);
 
+    // Rows [firstRow, firstRow + rowCount) of the same enlargement, row firstRow at dst, for a
+    // caller that works through the frame in bands: a band that carries on from the one before
+    // (same source, next row) reuses its filtered source rows. False, writing nothing, for a size
+    // pair that scale hands to libyuv (see ownRows) or rows outside the destination.
+    bool scaleRows(const uint8_t* src, int srcStride, int srcWidth, int srcHeight, uint8_t* dst,
+                   int dstStride, int dstWidth, int dstHeight, int firstRow, int rowCount);
+
     // True when this size pair runs on the vector path rather than libyuv.
     static bool OwnPath(int srcWidth, int srcHeight, int dstWidth, int dstHeight);
+    // OwnPath, on a processor (or kernel level) that has the vector path.
+    bool ownRows(int srcWidth, int srcHeight, int dstWidth, int dstHeight) const {
+        return vector_ && OwnPath(srcWidth, srcHeight, dstWidth, dstHeight);
+    }
 
   private:
     void prepare(int srcWidth, int srcHeight, int dstWidth, int dstHeight);
@@ -41,6 +52,10 @@ class PlaneUpscaler {
     std::vector<uint8_t> groupWeights_;
     std::vector<uint8_t> sourceRow_;  // one source row with room to read 16 bytes past it
     std::vector<uint8_t> rows_;       // the two filtered rows the output rows lie between
+    uint8_t* filtered_[2] = {nullptr, nullptr};  // the two halves of rows_, in source row order
+    int filteredRow_[2] = {-1, -1};              // the source rows they hold, -1 for none
+    const uint8_t* filteredSource_ = nullptr;    // the plane they were filtered from
+    int nextRow_ = -1;                           // the row after the last band
 };
 
 }  // namespace VBG
