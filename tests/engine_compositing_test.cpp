@@ -16,6 +16,7 @@
 #include "engine/presenter_compositing.h"
 #include "engine/presenter_geometry.h"
 #include "engine_test_support.h"
+#include "filters/reduce_cpu.h"
 #include "filters/upscale_cpu.h"
 #include "support/log_capture.h"
 
@@ -120,26 +121,37 @@ TEST(EngineBlend, MatchesI420BlendByteForByteAlsoInPlace) {
     }
 }
 
-// The mask and background enlargement against libyuv's bilinear scaler: the engine's sizes, the
-// sizes libyuv sends elsewhere (doubling, reduction, one-pixel sources) and odd strides.
-TEST(EngineBlend, UpscalerMatchesLibyuvBilinearByteForByte) {
+// The camera's reduction to the model and the mask and background enlargement against libyuv's
+// box and bilinear scalers: the engine's sizes, the sizes libyuv sends elsewhere (doubling, the
+// exact quarter, reductions to half or more, boxes too large, one-pixel sources) and odd strides.
+TEST(EngineBlend, ScalersMatchLibyuvByteForByte) {
     std::mt19937 rng(5);
-    const int sizes[][4] = {{256, 144, 1280, 720}, {128, 72, 640, 360},  {256, 144, 1920, 1080},
-                            {128, 72, 161, 91},    {256, 144, 257, 145}, {5, 3, 333, 77},
-                            {256, 144, 512, 288},  {256, 144, 200, 112}, {1, 9, 40, 40}};
+    const int sizes[][4] = {{256, 144, 1280, 720},  {128, 72, 640, 360},  {256, 144, 1920, 1080},
+                            {128, 72, 161, 91},     {256, 144, 257, 145}, {5, 3, 333, 77},
+                            {256, 144, 512, 288},   {256, 144, 200, 112}, {1, 9, 40, 40},
+                            {1280, 720, 256, 144},  {640, 360, 256, 144}, {321, 181, 128, 72},
+                            {3840, 2160, 256, 144}, {1000, 333, 77, 41},  {1024, 576, 256, 144},
+                            {600, 300, 256, 144},   {4000, 20, 10, 2}};
     for (const auto& s : sizes) {
         SCOPED_TRACE(testing::Message() << s[0] << "x" << s[1] << " to " << s[2] << "x" << s[3]);
         Frame src = Random(s[0], s[1], rng);  // its luma plane, stride width + 3
         const ZynNativeInputFrame r = src.record();
+        const bool reduce = s[2] < s[0];
         std::vector<uint8_t> expected(static_cast<size_t>(s[2] + 7) * s[3]), actual(expected);
         libyuv::ScalePlane(r.plane0, r.stride0, s[0], s[1], expected.data(), s[2] + 7, s[2], s[3],
-                           libyuv::kFilterBilinear);
+                           reduce ? libyuv::kFilterBox : libyuv::kFilterBilinear);
         for (KernelLevel level : {KernelLevel::Avx2, KernelLevel::Portable}) {
             PlaneUpscaler upscaler(level);
-            upscaler.scale(r.plane0, r.stride0, s[0], s[1], actual.data(), s[2] + 7, s[2], s[3]);
-            // Whole, then again in bands of 5 rows where the vector path serves the size pair.
+            if (reduce) {
+                PlaneReducer(level).scale(r.plane0, r.stride0, s[0], s[1], actual.data(), s[2] + 7,
+                                          s[2], s[3]);
+            } else {
+                upscaler.scale(r.plane0, r.stride0, s[0], s[1], actual.data(), s[2] + 7, s[2],
+                               s[3]);
+            }
+            // Whole, then again in bands of 5 rows where the vector upscaler serves the size pair.
             for (const int band : {0, 5}) {
-                for (int row = 0; band != 0 && row < s[3]; row += band) {
+                for (int row = 0; band != 0 && !reduce && row < s[3]; row += band) {
                     ASSERT_EQ(upscaler.ownRows(s[0], s[1], s[2], s[3]),
                               upscaler.scaleRows(r.plane0, r.stride0, s[0], s[1],
                                                  &actual[row * (s[2] + 7)], s[2] + 7, s[2], s[3],

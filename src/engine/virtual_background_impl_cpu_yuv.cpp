@@ -254,10 +254,13 @@ bool VirtualBackgroundImplYuv::updateARGBBuffer(const ZynNativeInputFrame* input
     const uint32_t mw = mlState->width;
     const uint32_t mh = mlState->height;
     const I420Planes model = I420InBuffer(modelYuvBuffer.get(), mw, mh);
-    libyuv::I420Scale(camera_.y, camera_.strideY, camera_.u, camera_.strideU, camera_.v,
-                      camera_.strideV, asInt(w), asInt(h), model.y, model.strideY, model.u,
-                      model.strideU, model.v, model.strideV, asInt(mw), asInt(mh),
-                      libyuv::kFilterBox);
+    // libyuv's I420Scale with its box filter, plane by plane.
+    modelReducer.scale(camera_.y, camera_.strideY, asInt(w), asInt(h), model.y, model.strideY,
+                       asInt(mw), asInt(mh));
+    modelReducer.scale(camera_.u, camera_.strideU, ChromaSize(asInt(w)), ChromaSize(asInt(h)),
+                       model.u, model.strideU, ChromaSize(asInt(mw)), ChromaSize(asInt(mh)));
+    modelReducer.scale(camera_.v, camera_.strideV, ChromaSize(asInt(w)), ChromaSize(asInt(h)),
+                       model.v, model.strideV, ChromaSize(asInt(mw)), ChromaSize(asInt(mh)));
     libyuv::I420ToARGB(model.y, model.strideY, model.u, model.strideU, model.v, model.strideV,
                        modelArgbBuffer.get(), asInt(mw * 4), asInt(mw), asInt(mh));
     return true;

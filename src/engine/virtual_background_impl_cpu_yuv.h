@@ -15,6 +15,7 @@
 #include "engine/i420_planes.h"
 #include "engine/presenter_geometry.h"
 #include "engine/virtual_background_impl.h"
+#include "filters/reduce_cpu.h"
 #include "filters/upscale_cpu.h"
 
 namespace VBG {
@@ -92,6 +93,8 @@ class VirtualBackgroundImplYuv : public VirtualBackgroundImpl {
     static constexpr int kBandRows = 16;
     ByteBuffer bandBuffer;
     ByteBuffer halfMaskBuffer;
+    // The camera frame reduced to the model's size.
+    PlaneReducer modelReducer;
     ByteBuffer modelArgbBuffer;
     std::unique_ptr<TouchUpCPU> touchUp;
     // Chroma-resolution alpha of the blend.
