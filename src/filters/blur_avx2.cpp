@@ -8,13 +8,9 @@
 #include <immintrin.h>
 
 #include "filters/blur_reference.h"
+#include "filters/kernel_level.h"
 
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx2")
-#endif
+ZYN_TARGET_BEGIN("avx2")
 
 namespace VBG {
 namespace BlurKernels {
@@ -118,10 +114,6 @@ void BlurArgb_AVX2(uint8_t* pixels, int width, int height, const int radii[3],
 }  // namespace BlurKernels
 }  // namespace VBG
 
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+ZYN_TARGET_END
 
 #endif

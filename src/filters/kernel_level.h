@@ -3,6 +3,19 @@
 // bytes, so the choice only changes the speed.
 #pragma once
 
+// Compiles the functions between ZYN_TARGET_BEGIN(features) and ZYN_TARGET_END for those
+// instruction-set features ("avx2", "avx2,fma") whatever the build's own target; they are called
+// only where BestKernelLevel says the processor has them. GCC and clang spell it differently.
+#define ZYN_PRAGMA(text) _Pragma(#text)
+#if defined(__clang__)
+#define ZYN_TARGET_BEGIN(features) \
+    ZYN_PRAGMA(clang attribute push(__attribute__((target(features))), apply_to = function))
+#define ZYN_TARGET_END ZYN_PRAGMA(clang attribute pop)
+#else
+#define ZYN_TARGET_BEGIN(features) ZYN_PRAGMA(GCC push_options) ZYN_PRAGMA(GCC target(features))
+#define ZYN_TARGET_END ZYN_PRAGMA(GCC pop_options)
+#endif
+
 namespace VBG {
 
 enum class KernelLevel {

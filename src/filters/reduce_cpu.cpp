@@ -24,12 +24,7 @@ int BoxStep(int source, int destination) {
 
 #if ZYN_REDUCE_AVX2
 
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx2")
-#endif
+ZYN_TARGET_BEGIN("avx2")
 
 // totals[x + 1] = totals[x] + the sum of column x over `rows` rows, modulo 2^16: the difference
 // of two totals is exact for any box whose sum fits in 16 bits.
@@ -92,11 +87,7 @@ void BoxColumnsAvx2(const uint16_t* totals, const int32_t* starts, const int32_t
     }
 }
 
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+ZYN_TARGET_END
 
 #endif  // ZYN_REDUCE_AVX2
 

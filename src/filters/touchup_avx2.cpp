@@ -4,14 +4,10 @@
 
 #include <immintrin.h>
 
+#include "filters/kernel_level.h"
 #include "filters/touchup_reference.h"
 
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx2,fma"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx2,fma")
-#endif
+ZYN_TARGET_BEGIN("avx2,fma")
 
 namespace VBG {
 namespace TouchUpKernels {
@@ -354,10 +350,6 @@ void FilterSkinBlocks_AVX2(const uint8_t* src, ptrdiff_t srcStride, uint8_t* dst
 }  // namespace TouchUpKernels
 }  // namespace VBG
 
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+ZYN_TARGET_END
 
 #endif

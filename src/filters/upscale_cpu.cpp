@@ -41,12 +41,7 @@ inline uint8_t FilterRow(uint8_t top, uint8_t bottom, int yf) {
 
 #if ZYN_UPSCALE_AVX2
 
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx2")
-#endif
+ZYN_TARGET_BEGIN("avx2")
 
 // Filters one (padded) source row across into `out`, dstWidth columns starting at x = 0.
 // Pixels are made signed (x ^ 0x80 is x - 128) so that the unsigned weights, which reach 128, can
@@ -104,11 +99,7 @@ void FilterRowsDownAvx2(const uint8_t* top, const uint8_t* bottom, uint8_t* out,
     }
 }
 
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+ZYN_TARGET_END
 
 #endif  // ZYN_UPSCALE_AVX2
 

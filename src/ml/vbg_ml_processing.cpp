@@ -43,12 +43,7 @@ inline uint8_t MaskByte(float value) {
 #if defined(__x86_64__) || defined(__i386__)
 #define ZYN_ML_AVX2 1
 
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx2")
-#endif
+ZYN_TARGET_BEGIN("avx2")
 
 // Eight pixels a step. byte / 255.0f is what unitFloatTable holds (a correctly rounded division
 // either way), and the smoothing multiplies and adds separately, as the plain loop does, so the
@@ -102,11 +97,7 @@ int32_t SmoothMaskAvx2(const float* person, float* prev, uint8_t* mask, int32_t 
     return p;
 }
 
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+ZYN_TARGET_END
 
 bool UseAvx2() {
     static const bool avx2 = BestKernelLevel() == KernelLevel::Avx2;
