@@ -321,13 +321,19 @@ bool VirtualBackgroundImplYuv::composeFrame(const ZynNativeInputFrame* output) {
     const int ch = ChromaSize(H);
     const int mcw = ChromaSize(mw);
     const int mch = ChromaSize(mh);
-    if (!backgroundYuvBuffer || (backgroundImage && backgroundImage->hasNewFrame())) {
+    const bool blur = settings.bt == BtBlur;
+    // Where the vector upscaler serves every plane, the frame is enlarged and blended a band of
+    // rows at a time (below); a blur made that way needs no background at the frame's size.
+    const bool banded =
+        maskUpscaler.ownRows(mw, mh, W, H) &&
+        (!blur || (lumaUpscaler.ownRows(mw, mh, W, H) && chromaUpscaler.ownRows(mcw, mch, cw, ch)));
+    if ((!blur || !banded) &&
+        (!backgroundYuvBuffer || (backgroundImage && backgroundImage->hasNewFrame()))) {
         loadBackgroundImageInYuv(frameWidth, frameHeight);
     }
     prepareModelMask();
     const uint8_t* modelMask = modelMaskBuffer.get();
     const I420Planes model = I420InBuffer(modelYuvBuffer.get(), mlState->width, mlState->height);
-    const bool blur = settings.bt == BtBlur;
     if (blur) {
         // The blurred background is made at model resolution; person pixels neither feed the
         // blur nor are replaced by it, so the person does not bleed into the background.
@@ -366,13 +372,11 @@ bool VirtualBackgroundImplYuv::composeFrame(const ZynNativeInputFrame* output) {
     // The mask and the blurred background are enlarged bilinearly to the frame, plane by plane. A
     // frame smaller than the model is reached bilinearly too: libyuv's box average loses precision
     // over boxes of thousands of pixels (a 1 x 1 frame came out at about half its brightness), and
-    // for a larger frame libyuv's box filter is its bilinear one. Where the vector upscaler serves
-    // every plane, the frame is enlarged and blended a band of rows at a time, so the enlarged
-    // planes never exist at full size and the band stays in the cache from its making to its blend.
-    const I420Planes background = I420InBuffer(backgroundYuvBuffer.get(), frameWidth, frameHeight);
-    const bool banded =
-        maskUpscaler.ownRows(mw, mh, W, H) &&
-        (!blur || (lumaUpscaler.ownRows(mw, mh, W, H) && chromaUpscaler.ownRows(mcw, mch, cw, ch)));
+    // for a larger frame libyuv's box filter is its bilinear one. Made band by band, the enlarged
+    // planes never exist at full size and a band stays in the cache from its making to its blend.
+    const I420Planes background =
+        backgroundYuvBuffer ? I420InBuffer(backgroundYuvBuffer.get(), frameWidth, frameHeight)
+                            : I420Planes{};
     if (!banded) {
         uint8_t* mask = maskBuffer.ensure(static_cast<size_t>(W) * H);
         maskUpscaler.scale(modelMask, mw, mw, mh, mask, W, W, H);
